@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace pelorin {
+
+// Whether the platform lets us see the screen and post events, asked anew at every hello.
+class Permissions {
+public:
+    virtual ~Permissions() = default;
+
+    struct Answer {
+        bool isGranted = false;
+        std::string missing; // what is missing, for the log: "no X server at :0", "no MIT-SHM"
+    };
+    virtual Answer mayCapture() = 0;
+    virtual Answer mayPostEvents() = 0;
+};
+
+} // namespace pelorin

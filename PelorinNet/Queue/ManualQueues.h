@@ -1,0 +1,29 @@
+#pragma once
+
+#include "PelorinNet/Queue/SerialQueue.h"
+
+namespace pelorin {
+
+// Queues that a test drives by hand, all on one thread and one virtual clock. Nothing runs until advance or
+// runReady is called; 300 virtual seconds pass in no time. Steady and wall clock start at fixed values and move
+// together, unless jumpWall moves the wall clock alone, as a user setting the clock does.
+class ManualQueues final : public QueueMaker {
+public:
+    ManualQueues();
+    ~ManualQueues() override;
+
+    QueueRef makeQueue(std::string label) override;
+
+    void runReady(); // everything posted, and what that posts in turn, on all queues in order of posting
+    void advance(Duration duration); // moves the clock, running whatever falls due on the way, in order
+    void stall(Duration duration); // moves the clock at once; what fell due runs only then, as after a sleep
+    void jumpWall(Duration duration);
+    SteadyTime now() const;
+
+    struct Engine;
+
+private:
+    std::shared_ptr<Engine> engine;
+};
+
+} // namespace pelorin

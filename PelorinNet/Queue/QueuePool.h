@@ -1,0 +1,23 @@
+#pragma once
+
+#include "PelorinNet/Queue/SerialQueue.h"
+
+namespace pelorin {
+
+// The queues of a running program: strands on a small shared pool of threads, on the machine's own clocks.
+class QueuePool final : public QueueMaker {
+public:
+    explicit QueuePool(int threads);
+    ~QueuePool() override; // stops the threads; tasks not yet begun are destroyed unrun
+
+    QueueRef makeQueue(std::string label) override;
+
+    // The I/O context that channels and listeners of this module run on.
+    struct Engine;
+    Engine& engine() { return *shared; }
+
+private:
+    std::shared_ptr<Engine> shared;
+};
+
+} // namespace pelorin
