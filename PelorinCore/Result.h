@@ -14,8 +14,8 @@ using ByteView = std::span<const std::uint8_t>;
 template <class T, class E>
 using Result = std::expected<T, E>;
 
-// Stops the program with text on standard error when a promise of our own is broken. Nothing that comes from a
-// phone, a file, the network or a platform may reach it.
+// Stops the program with text on standard error when a promise of our own is broken. Nothing that comes from
+// a phone, a file, the network or a platform may reach it.
 void require(bool condition, const char* text);
 
 } // namespace pelorin

@@ -8,7 +8,7 @@
 namespace pelorin {
 namespace {
 
-std::atomic<LogLevel> lowestLevel {LogLevel::info};
+std::atomic<LogLevel> lowestLevel{LogLevel::info};
 std::mutex observerLock; // guards observer
 Log::Observer observer;
 
@@ -28,19 +28,29 @@ spdlog::logger& standardError()
 spdlog::level::level_enum spdlogLevel(LogLevel level)
 {
     switch (level) {
-    case LogLevel::debug: return spdlog::level::debug;
-    case LogLevel::info: return spdlog::level::info;
-    case LogLevel::warning: return spdlog::level::warn;
-    case LogLevel::error: return spdlog::level::err;
+    case LogLevel::debug:
+        return spdlog::level::debug;
+    case LogLevel::info:
+        return spdlog::level::info;
+    case LogLevel::warning:
+        return spdlog::level::warn;
+    case LogLevel::error:
+        return spdlog::level::err;
     }
     return spdlog::level::err;
 }
 
 } // namespace
 
-void Log::setLevel(LogLevel lowest) { lowestLevel = lowest; }
+void Log::setLevel(LogLevel lowest)
+{
+    lowestLevel = lowest;
+}
 
-bool Log::isEnabled(LogLevel level) { return level >= lowestLevel.load(std::memory_order_relaxed); }
+bool Log::isEnabled(LogLevel level)
+{
+    return level >= lowestLevel.load(std::memory_order_relaxed);
+}
 
 void Log::observe(Observer newObserver)
 {

@@ -18,12 +18,14 @@ public:
     template <class... Args>
     void debug(fmt::format_string<Args...> format, Args&&... args) const
     {
-        if (isEnabled(LogLevel::debug)) write(LogLevel::debug, fmt::format(format, std::forward<Args>(args)...));
+        if (isEnabled(LogLevel::debug))
+            write(LogLevel::debug, fmt::format(format, std::forward<Args>(args)...));
     }
     template <class... Args>
     void info(fmt::format_string<Args...> format, Args&&... args) const
     {
-        if (isEnabled(LogLevel::info)) write(LogLevel::info, fmt::format(format, std::forward<Args>(args)...));
+        if (isEnabled(LogLevel::info))
+            write(LogLevel::info, fmt::format(format, std::forward<Args>(args)...));
     }
     template <class... Args>
     void warning(fmt::format_string<Args...> format, Args&&... args) const

@@ -9,8 +9,8 @@ namespace pelorin {
 // Where one frame's time went on the host. The frame's ptsMicros is the moment of the screen's change on the
 // host's clock; each field is the time from the stage before to the end of this one, in microseconds.
 //
-// A phone that sets clientCapability::readsFrameStamps gets them as the first NAL unit of every access unit: an
-// SEI of type user_data_unregistered (H.264 D.1.7, H.265 D.2.7), which decoders skip, so phones that know
+// A phone that sets clientCapability::readsFrameStamps gets them as the first NAL unit of every access unit:
+// an SEI of type user_data_unregistered (H.264 D.1.7, H.265 D.2.7), which decoders skip, so phones that know
 // nothing of it lose nothing.
 struct FrameStamps {
     std::uint32_t captureMicros = 0; // change on the screen to pixels in hand

@@ -82,7 +82,10 @@ template <class Raw, class Tag>
 struct OptionSet {
     Raw rawValue = 0;
     constexpr bool contains(OptionSet other) const { return (rawValue & other.rawValue) == other.rawValue; }
-    constexpr OptionSet operator|(OptionSet other) const { return {static_cast<Raw>(rawValue | other.rawValue)}; }
+    constexpr OptionSet operator|(OptionSet other) const
+    {
+        return {static_cast<Raw>(rawValue | other.rawValue)};
+    }
     constexpr OptionSet& operator|=(OptionSet other) { return *this = *this | other; }
     constexpr bool isEmpty() const { return rawValue == 0; }
     bool operator==(const OptionSet&) const = default;
@@ -90,29 +93,29 @@ struct OptionSet {
 
 using ClientCapabilities = OptionSet<std::uint32_t, struct ClientCapabilitiesTag>;
 namespace clientCapability {
-inline constexpr ClientCapabilities decodesHEVC {1};
-inline constexpr ClientCapabilities drawsCursor {2};
-inline constexpr ClientCapabilities choosesDisplay {4};
-inline constexpr ClientCapabilities liveActivity {8};
-inline constexpr ClientCapabilities readsFrameStamps {16}; // see FrameStamps.h
+inline constexpr ClientCapabilities decodesHEVC{1};
+inline constexpr ClientCapabilities drawsCursor{2};
+inline constexpr ClientCapabilities choosesDisplay{4};
+inline constexpr ClientCapabilities liveActivity{8};
+inline constexpr ClientCapabilities readsFrameStamps{16}; // see FrameStamps.h
 } // namespace clientCapability
 
 using SessionOptions = OptionSet<std::uint32_t, struct SessionOptionsTag>;
 namespace sessionOption {
-inline constexpr SessionOptions clipboardSharing {1};
-inline constexpr SessionOptions privacyScreen {2};
-inline constexpr SessionOptions lockAtEnd {4};
+inline constexpr SessionOptions clipboardSharing{1};
+inline constexpr SessionOptions privacyScreen{2};
+inline constexpr SessionOptions lockAtEnd{4};
 } // namespace sessionOption
 
 using KeyModifiers = OptionSet<std::uint8_t, struct KeyModifiersTag>;
 namespace keyModifier {
-inline constexpr KeyModifiers none {0};
-inline constexpr KeyModifiers shift {1};
-inline constexpr KeyModifiers control {2};
-inline constexpr KeyModifiers option {4};
-inline constexpr KeyModifiers command {8};
-inline constexpr KeyModifiers capsLock {16};
-inline constexpr KeyModifiers function {32};
+inline constexpr KeyModifiers none{0};
+inline constexpr KeyModifiers shift{1};
+inline constexpr KeyModifiers control{2};
+inline constexpr KeyModifiers option{4};
+inline constexpr KeyModifiers command{8};
+inline constexpr KeyModifiers capsLock{16};
+inline constexpr KeyModifiers function{32};
 } // namespace keyModifier
 
 struct DisplayDescriptor {
@@ -315,10 +318,11 @@ struct LiveActivityInfo {
 
 using Message = std::variant<message::Hello, message::HelloAck, message::Ping, message::Pong, message::Error,
     message::Bye, message::VideoFormat, message::VideoFrame, message::RequestKeyframe, message::SetViewport,
-    message::DisplayInfo, message::SetDisplay, message::CursorPosition, message::CursorImage, message::PathInfo,
-    message::DisplayList, message::MouseMove, message::MouseButtonChange, message::Scroll, message::Key,
-    message::Text, message::ClientReport, message::SetOptions, message::PasteText, message::Clipboard,
-    message::PairRequest, message::PairResult, message::LiveActivityRegister, message::LiveActivityInfo>;
+    message::DisplayInfo, message::SetDisplay, message::CursorPosition, message::CursorImage,
+    message::PathInfo, message::DisplayList, message::MouseMove, message::MouseButtonChange, message::Scroll,
+    message::Key, message::Text, message::ClientReport, message::SetOptions, message::PasteText,
+    message::Clipboard, message::PairRequest, message::PairResult, message::LiveActivityRegister,
+    message::LiveActivityInfo>;
 
 MessageType typeOf(const Message& message);
 std::string_view nameOf(MessageType type); // the case's name, "hello", for logs

@@ -5,7 +5,8 @@
 
 namespace pelorin {
 
-// Why a frame could not be read. Fatal for the connection: a stream of frames has no way to find its place again.
+// Why a frame could not be read. Fatal for the connection: a stream of frames has no way to find its place
+// again.
 struct ProtocolError {
     enum class Kind { frameTooLarge, invalidValue, truncated };
 

@@ -9,9 +9,10 @@
 
 namespace pelorin {
 
-// The rules between the phone's input and the desktop's events: what is held, where the pointer may go, what is left
-// of a scroll. NaN and infinite motion is ignored. Queue: the session's; the pointer fields are under pointerLock,
-// which is never held while an event is posted, so that the cursor queue may read them. Owned by the HostSession.
+// The rules between the phone's input and the desktop's events: what is held, where the pointer may go, what
+// is left of a scroll. NaN and infinite motion is ignored. Queue: the session's; the pointer fields are under
+// pointerLock, which is never held while an event is posted, so that the cursor queue may read them. Owned by
+// the HostSession.
 class InputInjector {
 public:
     InputInjector(EventPosting& posting, DisplayBounds& displays, const SerialQueue& clock);

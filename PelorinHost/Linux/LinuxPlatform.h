@@ -4,8 +4,8 @@
 
 namespace pelorin {
 
-// The one place that knows the Linux backends. display: the X display ("" takes $DISPLAY); a server that is not
-// there now may be there later, so this never fails.
+// The one place that knows the Linux backends. display: the X display ("" takes $DISPLAY); a server that is
+// not there now may be there later, so this never fails.
 std::unique_ptr<HostPlatform> makeLinuxPlatform(QueueMaker& queues, std::string display);
 
 } // namespace pelorin

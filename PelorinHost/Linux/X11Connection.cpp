@@ -4,17 +4,18 @@ namespace pelorin {
 
 Result<X11Connection, PlatformError> X11Connection::open(const std::string& display)
 {
-    const std::string shown = display.empty() ? (std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "") : display;
-    if (shown.empty()) return std::unexpected(PlatformError {"no X server: DISPLAY is not set"});
+    const std::string shown
+        = display.empty() ? (std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "") : display;
+    if (shown.empty()) return std::unexpected(PlatformError{"no X server: DISPLAY is not set"});
 
     X11Connection made;
     int screenNumber = 0;
     made.connection.reset(xcb_connect(shown.c_str(), &screenNumber));
-    if (made.isBroken()) return std::unexpected(PlatformError {"no X server at " + shown});
+    if (made.isBroken()) return std::unexpected(PlatformError{"no X server at " + shown});
 
     auto screens = xcb_setup_roots_iterator(xcb_get_setup(made.get()));
     for (; screens.rem > 0 && screenNumber > 0; --screenNumber) xcb_screen_next(&screens);
-    if (screens.rem == 0) return std::unexpected(PlatformError {"no such screen on " + shown});
+    if (screens.rem == 0) return std::unexpected(PlatformError{"no such screen on " + shown});
     made.defaultScreen = screens.data;
     return made;
 }

@@ -38,8 +38,9 @@ struct CaptureSample {
     SteadyTime presentationTime; // when the screen changed
 };
 
-// One display being captured. Lives on the capture queue; callbacks arrive there and may destroy it. A picture comes
-// when the screen changed, the first one at once after start; a still screen brings nothing and costs nothing.
+// One display being captured. Lives on the capture queue; callbacks arrive there and may destroy it. A
+// picture comes when the screen changed, the first one at once after start; a still screen brings nothing and
+// costs nothing.
 class CaptureStream {
 public:
     virtual ~CaptureStream() = default; // stops, no callback afterwards
@@ -58,7 +59,8 @@ class DisplayCapture {
 public:
     virtual ~DisplayCapture() = default;
 
-    // The displays now, the main one first; empty when there are none or the display server is gone. Any queue.
+    // The displays now, the main one first; empty when there are none or the display server is gone. Any
+    // queue.
     virtual std::vector<ShareableDisplay> shareableDisplays() = 0;
     // A stream that is not started yet, whose queue is captureQueue; called on it.
     virtual Result<std::unique_ptr<CaptureStream>, PlatformError> makeStream(

@@ -10,9 +10,10 @@ namespace pelorin {
 
 enum class PointerEventType { moved, leftDragged, rightDragged, otherDragged };
 
-// Posts input at the level of the hardware, for whichever application has the focus. Called on the session's queue
-// and never makes it wait: what takes time (long texts) goes on by itself, in order with everything posted after it.
-// An event that the platform can't make, or a display server that is gone, is skipped and logged once.
+// Posts input at the level of the hardware, for whichever application has the focus. Called on the session's
+// queue and never makes it wait: what takes time (long texts) goes on by itself, in order with everything
+// posted after it. An event that the platform can't make, or a display server that is gone, is skipped and
+// logged once.
 class EventPosting {
 public:
     virtual ~EventPosting() = default; // whatever text is still being typed is dropped
@@ -22,7 +23,8 @@ public:
     virtual void postButton(MouseButton button, bool isDown, Point position, int clickState) = 0;
     // Whole pixels, positive y is up and positive x is left, as the phone's content follows the finger.
     virtual void postScroll(int wholeX, int wholeY, ScrollPhase phase, MomentumPhase momentum) = 0;
-    // keyCode: macOS virtual key code, mapped by position. isModifier: a change of modifier flags (flags-changed).
+    // keyCode: macOS virtual key code, mapped by position. isModifier: a change of modifier flags
+    // (flags-changed).
     virtual void postKey(std::uint16_t keyCode, bool isDown, KeyModifiers flags, bool isModifier) = 0;
     // At most 16 UTF-16 units of text, independent of the keyboard layout.
     virtual void postUnicode(const std::u16string& text) = 0;

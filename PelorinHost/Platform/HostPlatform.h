@@ -13,8 +13,8 @@
 
 namespace pelorin {
 
-// Every port with the backend that the factory picked. The app makes one and passes it on; ports that hold state of
-// one session are made anew for each. All members live as long as the program.
+// Every port with the backend that the factory picked. The app makes one and passes it on; ports that hold
+// state of one session are made anew for each. All members live as long as the program.
 class HostPlatform {
 public:
     virtual ~HostPlatform() = default;

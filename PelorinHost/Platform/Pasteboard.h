@@ -9,7 +9,8 @@ class Pasteboard {
 public:
     virtual ~Pasteboard() = default; // gives up what it owns
 
-    // Replaces the content; it stays available to applications while this object lives. False when it can't be set.
+    // Replaces the content; it stays available to applications while this object lives. False when it can't
+    // be set.
     virtual bool setText(const std::string& text) = 0;
 };
 

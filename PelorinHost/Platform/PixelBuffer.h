@@ -16,9 +16,9 @@ struct CaptureTimes {
 };
 
 // One picture, NV12, BT.709, video range (luma 16 to 235): a full-size luma plane and a half-size plane of
-// interleaved Cb Cr. Width and height are even. The pixels belong to the capture backend, which paints the next
-// picture into the same place: they hold still while the capture queue is inside a callback or a task of ours,
-// never beyond.
+// interleaved Cb Cr. Width and height are even. The pixels belong to the capture backend, which paints the
+// next picture into the same place: they hold still while the capture queue is inside a callback or a task of
+// ours, never beyond.
 struct PixelBuffer {
     int widthPx = 0;
     int heightPx = 0;

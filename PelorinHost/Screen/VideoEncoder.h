@@ -18,13 +18,14 @@ struct EncodedFrame {
     SteadyTime encodedAt;
 };
 
-// Turns pictures into a low-latency H.264 or HEVC stream: makes its compression session at the size of the first
-// picture, makes it anew when the size changes, and falls back in a fixed chain when an encoder is not to be had.
-// encode runs on the capture queue, setBitrate and setForceKeyframe on the session's; the lock guards session,
-// forceKeyframe and bitrate and is never held across an encode. Owned by the ScreenStreamer.
+// Turns pictures into a low-latency H.264 or HEVC stream: makes its compression session at the size of the
+// first picture, makes it anew when the size changes, and falls back in a fixed chain when an encoder is not
+// to be had. encode runs on the capture queue, setBitrate and setForceKeyframe on the session's; the lock
+// guards session, forceKeyframe and bitrate and is never held across an encode. Owned by the ScreenStreamer.
 class VideoEncoder {
 public:
-    VideoEncoder(Compression& compression, VideoCodec codecPreference, int startBitrate, int expectedFrameRate);
+    VideoEncoder(
+        Compression& compression, VideoCodec codecPreference, int startBitrate, int expectedFrameRate);
     ~VideoEncoder(); // completes what is under way, callbacks included
 
     // On the thread the platform emits on; set before the first encode.

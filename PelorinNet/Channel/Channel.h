@@ -20,9 +20,9 @@ public:
     // Begins to read. Everything from here on, destruction included, happens on queue.
     virtual void start(QueueRef queue) = 0;
 
-    // Appends the parts, one after another, to the stream with one gathered write where possible. onSent runs when
-    // the transport has taken the last byte and is ready for more, so that the count of sends without it bounds
-    // what waits in the kernel; never when the channel closes first.
+    // Appends the parts, one after another, to the stream with one gathered write where possible. onSent runs
+    // when the transport has taken the last byte and is ready for more, so that the count of sends without it
+    // bounds what waits in the kernel; never when the channel closes first.
     virtual void send(std::vector<Bytes> parts, Task onSent = {}) = 0;
     void send(Bytes bytes, Task onSent = {});
     virtual std::size_t unsentBytes() const = 0; // handed to send, not yet taken by the transport

@@ -19,8 +19,8 @@ public:
     virtual std::uint16_t port() const = 0;
 };
 
-// Connects to host (name or address) and port and calls done on queue with a channel that is not started, or why
-// not. Cancelled with the subscription.
+// Connects to host (name or address) and port and calls done on queue with a channel that is not started, or
+// why not. Cancelled with the subscription.
 [[nodiscard]] Subscription connectTcp(QueuePool& pool, QueueRef queue, std::string host, std::uint16_t port,
     Duration timeout, std::function<void(Result<std::unique_ptr<Channel>, NetError>)> done);
 

@@ -5,8 +5,8 @@
 namespace pelorin {
 
 // Queues that a test drives by hand, all on one thread and one virtual clock. Nothing runs until advance or
-// runReady is called; 300 virtual seconds pass in no time. Steady and wall clock start at fixed values and move
-// together, unless jumpWall moves the wall clock alone, as a user setting the clock does.
+// runReady is called; 300 virtual seconds pass in no time. Steady and wall clock start at fixed values and
+// move together, unless jumpWall moves the wall clock alone, as a user setting the clock does.
 class ManualQueues final : public QueueMaker {
 public:
     ManualQueues();

@@ -12,8 +12,9 @@ using Duration = std::chrono::steady_clock::duration;
 using SteadyTime = std::chrono::steady_clock::time_point;
 using WallTime = std::chrono::system_clock::time_point;
 
-// Something that goes on until its handle goes: a timer, a watch on a file descriptor. Cancelled or destroyed on
-// its queue, it never fires again; its callback may destroy it. Moving into a handle cancels what that one held.
+// Something that goes on until its handle goes: a timer, a watch on a file descriptor. Cancelled or destroyed
+// on its queue, it never fires again; its callback may destroy it. Moving into a handle cancels what that one
+// held.
 class Subscription {
 public:
     struct State {
@@ -34,9 +35,9 @@ private:
     std::shared_ptr<State> state;
 };
 
-// Runs tasks one after another, in the order of their posting. Stateful objects are confined to one queue each and
-// open their operations with assertCurrent(). post may be called from any thread; after, every and whenReadable
-// only on the queue itself.
+// Runs tasks one after another, in the order of their posting. Stateful objects are confined to one queue
+// each and open their operations with assertCurrent(). post may be called from any thread; after, every and
+// whenReadable only on the queue itself.
 class SerialQueue {
 public:
     virtual ~SerialQueue() = default;
@@ -44,7 +45,8 @@ public:
     virtual void post(Task task) = 0;
     // Never earlier than delay from now; once.
     [[nodiscard]] virtual Subscription after(Duration delay, Task task) = 0;
-    // First after one period, then at fixed distance from the time each was due; a late queue skips what it missed.
+    // First after one period, then at fixed distance from the time each was due; a late queue skips what it
+    // missed.
     [[nodiscard]] virtual Subscription every(Duration period, std::function<void()> task) = 0;
     // Runs task whenever fd has something to read or was closed by its peer, until cancelled. The descriptor
     // stays the caller's and must outlive the watch.
@@ -68,8 +70,9 @@ public:
     virtual QueueRef makeQueue(std::string label) = 0;
 };
 
-// Answers, inside a task that was posted with it, whether the object that posted still lives. The last member of
-// its owner, so that posted work is void before the rest goes. Watches are asked on the owner's queue only.
+// Answers, inside a task that was posted with it, whether the object that posted still lives. The last member
+// of its owner, so that posted work is void before the rest goes. Watches are asked on the owner's queue
+// only.
 class Lifetime {
 public:
     class Watch {

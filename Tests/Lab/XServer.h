@@ -1,0 +1,65 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace pelorin::lab {
+
+// A program of the lab, killed and reaped with the object.
+class Process {
+public:
+    // Starts arguments[0], found in PATH. environment: "NAME=value" added to ours. Output goes to logFile, or
+    // nowhere.
+    static std::unique_ptr<Process> start(std::vector<std::string> arguments,
+        std::vector<std::string> environment = {}, const std::string& logFile = {});
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    int pid() const { return processID; }
+    bool isRunning();
+    void signal(int number);
+    int waitForExit(int timeoutMs); // the exit code, 128 + signal, or -1 when it still runs then
+private:
+    explicit Process(int newPid) : processID(newPid) {}
+    int processID = -1;
+    int exitCode = -1;
+    bool isReaped = false;
+};
+
+// A real X server on a display number of its own, gone with the object.
+class XServer {
+public:
+    struct Options {
+        int widthPx = 1280;
+        int heightPx = 720;
+        // Xorg with the dummy driver knows several outputs and any mode (RandR works fully); Xvfb starts
+        // faster.
+        bool isXorg = false;
+        std::vector<std::string> extraArguments; // "-extension", "DAMAGE"
+    };
+    explicit XServer(Options options);
+    XServer() : XServer(Options{}) {}
+    ~XServer();
+    XServer(const XServer&) = delete;
+    XServer& operator=(const XServer&) = delete;
+
+    const std::string& display() const { return displayName; } // ":7"
+    bool isRunning() { return process && process->isRunning(); }
+    void kill(); // as a crash
+    void restart(); // a new server with the same display name
+    // Runs a client to its end and returns its standard output; "xrandr", "xdotool", "xclip".
+    std::string run(std::vector<std::string> arguments) const;
+    // Starts a client that goes on.
+    std::unique_ptr<Process> launch(std::vector<std::string> arguments) const;
+
+private:
+    void begin(int displayNumber);
+    Options options;
+    std::unique_ptr<Process> process;
+    std::string displayName;
+    std::string folder; // configuration and log of an Xorg
+};
+
+} // namespace pelorin::lab
