@@ -1,0 +1,106 @@
+#include "Tests/Lab/Programs.h"
+
+#include "PelorinCore/Result.h"
+#include "Tests/Lab/Wait.h"
+
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <fstream>
+#include <netinet/in.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace pelorin::lab {
+namespace {
+
+std::string program(const char* name)
+{
+    return std::string(PELORIN_BIN_DIR) + "/" + name;
+}
+
+} // namespace
+
+TemporaryFolder::TemporaryFolder()
+{
+    auto pattern = (std::filesystem::temp_directory_path() / "pelorin-test-XXXXXX").string();
+    require(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+    folder = pattern;
+}
+
+TemporaryFolder::~TemporaryFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+std::string contentOf(const std::filesystem::path& file)
+{
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void write(const std::filesystem::path& file, const std::string& content)
+{
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+}
+
+std::uint16_t freePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    require(bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0
+            && getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0,
+        "a free port");
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+HostProgram::HostProgram(const std::string& display, const std::string& settings) : listenPort(freePort())
+{
+    write(support() / "host.json",
+        "{\"allowLoopbackForTesting\": true, \"rendezvous\": false, \"port\": " + std::to_string(listenPort)
+            + (settings.empty() ? "" : ", " + settings) + "}");
+    running = Process::start({program("pelorin-host"), "--headless", "--support-dir", support().string(),
+                                 "--log-dir", folder.path().string()},
+        {"DISPLAY=" + display}, (folder.path() / "host.log").string());
+}
+
+std::string HostProgram::control(std::vector<std::string> arguments) const
+{
+    arguments.insert(arguments.begin(), program("pelorin-host"));
+    arguments.insert(arguments.end(), {"--support-dir", support().string()});
+    const TemporaryFolder outputFolder;
+    const auto output = outputFolder.path() / "output";
+    Process::start(arguments, {}, output.string())->waitForExit(20'000);
+    return contentOf(output);
+}
+
+bool HostProgram::waitUntilListening() const
+{
+    return eventually(
+        [this] { return control({"status", "--json"}).find("\"127.0.0.1") != std::string::npos; });
+}
+
+bool HostProgram::waitForConnectionLog(const std::string& text) const
+{
+    return eventually([&] { return connectionLog().find(text) != std::string::npos; });
+}
+
+ViewerProgram::ViewerProgram(
+    const HostProgram& host, const std::string& script, std::vector<std::string> more)
+{
+    const auto scriptFile = folder.path() / "input.script";
+    write(scriptFile, script);
+    std::vector<std::string> arguments{program("pelorin-viewer"), host.address(), "--headless", "--script",
+        scriptFile.string(), "--screenshot", screenshot().string(), "--json"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    running = Process::start(arguments, {}, (folder.path() / "output.log").string());
+}
+
+} // namespace pelorin::lab

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "Tests/Lab/XServer.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+
+namespace pelorin::lab {
+
+// A folder for one test, removed with it.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::filesystem::path& path() const { return folder; }
+
+private:
+    std::filesystem::path folder;
+};
+
+std::string contentOf(const std::filesystem::path& file); // empty when there is none
+void write(const std::filesystem::path& file, const std::string& content);
+std::uint16_t freePort(); // on 127.0.0.1, free a moment ago
+
+// The real host program with a support folder of its own, in test mode on a free port.
+class HostProgram {
+public:
+    // settings: JSON members added to host.json, such as R"("idleTimeoutMinutes": 0.02)".
+    explicit HostProgram(const std::string& display, const std::string& settings = {});
+
+    std::uint16_t port() const { return listenPort; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(listenPort); }
+    std::filesystem::path support() const { return folder.path() / "support"; }
+    Process& process() { return *running; }
+
+    std::string control(
+        std::vector<std::string> arguments) const; // standard output of pelorin-host ARGUMENTS
+    bool waitUntilListening() const;
+    std::string log() const { return contentOf(folder.path() / "host.log"); }
+    std::string connectionLog() const { return contentOf(folder.path() / "connections.log"); }
+    bool waitForConnectionLog(const std::string& text) const;
+
+private:
+    TemporaryFolder folder;
+    std::uint16_t listenPort;
+    std::unique_ptr<Process> running;
+};
+
+// One run of the real viewer program, headless.
+class ViewerProgram {
+public:
+    ViewerProgram(const HostProgram& host, const std::string& script, std::vector<std::string> more = {});
+
+    Process& process() { return *running; }
+    int waitForExit(int timeoutMs = 60'000) { return running->waitForExit(timeoutMs); }
+    std::string output() const { return contentOf(folder.path() / "output.log"); } // both streams
+    std::filesystem::path screenshot() const { return folder.path() / "screenshot.png"; }
+
+private:
+    TemporaryFolder folder;
+    std::unique_ptr<Process> running;
+};
+
+} // namespace pelorin::lab

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace pelorin::lab {
+
+// Asks again and again until condition holds; false when it never did. For what only shows from outside, such
+// as another program's file or an X server's state.
+inline bool eventually(
+    const std::function<bool()>& condition, std::chrono::milliseconds within = std::chrono::seconds(20))
+{
+    const auto deadline = std::chrono::steady_clock::now() + within;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+} // namespace pelorin::lab
