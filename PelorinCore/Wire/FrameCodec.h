@@ -24,6 +24,8 @@ public:
     Result<std::vector<Message>, ProtocolError> feed(ByteView bytes);
 
 private:
+    void keepOnly(ByteView rest);
+
     Bytes buffer; // received, not yet consumed as whole frames
 };
 
