@@ -13,8 +13,8 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 using WallTime = std::chrono::system_clock::time_point;
 
 // Something that goes on until its handle goes: a timer, a watch on a file descriptor. Cancelled or destroyed
-// on its queue, it never fires again; its callback may destroy it. Moving into a handle cancels what that one
-// held.
+// on its queue, it never fires again and what its callback captured is released; the callback may destroy it.
+// Moving into a handle cancels what that one held.
 class Subscription {
 public:
     struct State {
@@ -38,7 +38,7 @@ private:
 // Runs tasks one after another, in the order of their posting. Stateful objects are confined to one queue
 // each and open their operations with assertCurrent(). post may be called from any thread; after, every and
 // whenReadable only on the queue itself.
-class SerialQueue {
+class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 public:
     virtual ~SerialQueue() = default;
 
@@ -47,7 +47,7 @@ public:
     [[nodiscard]] virtual Subscription after(Duration delay, Task task) = 0;
     // First after one period, then at fixed distance from the time each was due; a late queue skips what it
     // missed.
-    [[nodiscard]] virtual Subscription every(Duration period, std::function<void()> task) = 0;
+    [[nodiscard]] Subscription every(Duration period, std::function<void()> task);
     // Runs task whenever fd has something to read or was closed by its peer, until cancelled. The descriptor
     // stays the caller's and must outlive the watch.
     [[nodiscard]] virtual Subscription whenReadable(int fd, std::function<void()> task) = 0;

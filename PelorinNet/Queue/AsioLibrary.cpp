@@ -1,0 +1,2 @@
+// The one place where Boost.Asio's non-template code is compiled (BOOST_ASIO_SEPARATE_COMPILATION).
+#include <boost/asio/impl/src.hpp>
