@@ -1,0 +1,264 @@
+#include "Tests/PelorinNet/QueueHarness.h"
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace pelorin;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Pipe {
+    Pipe() { EXPECT_EQ(::pipe(ends.data()), 0); }
+    ~Pipe()
+    {
+        ::close(ends[0]);
+        closeWriter();
+    }
+    void write(std::string_view text) const
+    {
+        EXPECT_EQ(::write(ends[1], text.data(), text.size()), ssize_t(text.size()));
+    }
+    char readOne() const
+    {
+        char byte = 0;
+        EXPECT_EQ(::read(ends[0], &byte, 1), 1);
+        return byte;
+    }
+    void closeWriter()
+    {
+        if (ends[1] >= 0) ::close(ends[1]);
+        ends[1] = -1;
+    }
+    std::array<int, 2> ends{};
+};
+
+template <class Harness>
+class AnyQueue : public testing::Test {
+protected:
+    Harness harness;
+    QueueRef queue = harness.makeQueue();
+
+    void runOn(Task task) { harness.runOn(queue, std::move(task)); }
+    bool waitUntil(const std::function<bool()>& condition) { return harness.waitUntil(queue, condition); }
+};
+
+using Kinds = testing::Types<PoolHarness, ManualHarness>;
+TYPED_TEST_SUITE(AnyQueue, Kinds);
+
+} // namespace
+
+TYPED_TEST(AnyQueue, runsTasksInTheOrderOfTheirPosting)
+{
+    std::vector<int> order;
+    this->runOn([&] {
+        for (int i = 0; i < 1000; ++i) {
+            this->queue->post([&order, i] { order.push_back(i); });
+            if (i % 100 == 0) std::this_thread::yield();
+        }
+        EXPECT_TRUE(order.empty()) << "posted tasks never run inside post";
+    });
+    ASSERT_TRUE(this->waitUntil([&] { return order.size() == 1000; }));
+    EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TYPED_TEST(AnyQueue, knowsWhetherTheCallerIsOnIt)
+{
+    const QueueRef other = this->harness.makeQueue("dev.pelorin.other");
+    bool onOwn = false, onOther = true;
+    this->runOn([&] {
+        onOwn = this->queue->isCurrent();
+        onOther = other->isCurrent();
+    });
+    EXPECT_TRUE(onOwn);
+    EXPECT_FALSE(onOther);
+    EXPECT_EQ(other->label(), "dev.pelorin.other");
+    std::thread([&] { EXPECT_FALSE(this->queue->isCurrent()); }).join();
+}
+
+TYPED_TEST(AnyQueue, firesTimersInOrderOfDueTimeAndNeverEarly)
+{
+    std::vector<int> order;
+    std::vector<Subscription> timers;
+    bool early = false;
+    this->runOn([&] {
+        const SteadyTime start = this->queue->now();
+        for (const int delay : {9, 3, 0, 6, -4})
+            timers.push_back(this->queue->after(std::chrono::milliseconds(delay), [&, start, delay] {
+                order.push_back(delay);
+                early |= this->queue->now() - start < std::chrono::milliseconds(delay);
+            }));
+    });
+    ASSERT_TRUE(this->waitUntil([&] { return order.size() == 5; }));
+    EXPECT_FALSE(early);
+    EXPECT_EQ(std::vector(order.begin() + 2, order.end()), (std::vector{3, 6, 9}));
+    this->runOn([&] { timers.clear(); });
+}
+
+TYPED_TEST(AnyQueue, neverFiresATimerCancelledAfterItCameDue)
+{
+    int fired = 0;
+    Subscription first, second;
+    bool done = false;
+    this->runOn([&] {
+        // Both are due and their handlers wait while this task stays on the queue.
+        first = this->queue->after(0ms, [&] { second.cancel(); });
+        second = this->queue->after(0ms, [&] { ++fired; });
+        if constexpr (!TypeParam::isVirtual) std::this_thread::sleep_for(2ms);
+        this->queue->post([&] { done = true; });
+    });
+    ASSERT_TRUE(this->waitUntil([&] { return done; }));
+    this->runOn([&] { first.cancel(); });
+    EXPECT_EQ(fired, 0);
+}
+
+TYPED_TEST(AnyQueue, letsACallbackDestroyItsOwnSubscriptionAndReleasesCapturesOnCancel)
+{
+    const auto captured = std::make_shared<int>(7);
+    Subscription timer, repetition, watch, pending;
+    Pipe pipe;
+    int sum = 0;
+    this->runOn([&] {
+        timer = this->queue->after(1ms, [&, captured] {
+            timer = {};
+            sum += *captured;
+        });
+        repetition = this->queue->every(1ms, [&, captured] {
+            repetition = {};
+            sum += *captured;
+        });
+        watch = this->queue->whenReadable(pipe.ends[0], [&, captured] {
+            watch = {};
+            sum += *captured;
+        });
+        pending = this->queue->after(1h, [captured] {});
+    });
+    pipe.write("x");
+    ASSERT_TRUE(this->waitUntil([&] { return sum == 21; }));
+    this->runOn([&] { pending = {}; });
+    this->runOn([] {});
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
+TYPED_TEST(AnyQueue, repeatsAtAFixedDistanceFromTheDueTimes)
+{
+    std::vector<Duration> times;
+    Subscription repetition;
+    this->runOn([&] {
+        const SteadyTime start = this->queue->now();
+        repetition = this->queue->every(5ms, [&, start] { times.push_back(this->queue->now() - start); });
+    });
+    ASSERT_TRUE(this->waitUntil([&] { return times.size() >= 10; }));
+    this->runOn([&] { repetition.cancel(); });
+    for (std::size_t i = 0; i < times.size(); ++i) EXPECT_GE(times[i], 5ms * int(i + 1));
+    if constexpr (TypeParam::isVirtual) {
+        EXPECT_EQ(times[9], 50ms);
+    }
+}
+
+TYPED_TEST(AnyQueue, watchesADescriptorThatStaysTheCallers)
+{
+    Pipe pipe;
+    std::string received;
+    Subscription watch;
+    const int flags = ::fcntl(pipe.ends[0], F_GETFL);
+    this->runOn(
+        [&] { watch = this->queue->whenReadable(pipe.ends[0], [&] { received += pipe.readOne(); }); });
+    EXPECT_EQ(::fcntl(pipe.ends[0], F_GETFL), flags);
+    pipe.write("ab"); // one byte a call: what is left fires again
+    pipe.write("c");
+    ASSERT_TRUE(this->waitUntil([&] { return received.size() == 3; }));
+    EXPECT_EQ(received, "abc");
+
+    this->runOn([&] { watch.cancel(); });
+    pipe.write("d");
+    this->runOn([] {});
+    EXPECT_EQ(received, "abc");
+    EXPECT_EQ(pipe.readOne(), 'd');
+
+    bool closed = false;
+    this->runOn([&] {
+        watch = this->queue->whenReadable(pipe.ends[0], [&] {
+            char byte;
+            closed = ::read(pipe.ends[0], &byte, 1) == 0;
+            watch = {};
+        });
+    });
+    pipe.closeWriter();
+    EXPECT_TRUE(this->waitUntil([&] { return closed; }));
+}
+
+TYPED_TEST(AnyQueue, survivesEveryOrderOfDestruction)
+{
+    for (const std::string order : {"PQS", "PSQ", "QPS", "QSP", "SPQ", "SQP"}) {
+        SCOPED_TRACE(order);
+        auto harness = std::make_unique<TypeParam>();
+        QueueRef queue = harness->makeQueue();
+        Pipe pipe;
+        const auto captured = std::make_shared<int>();
+        std::vector<Subscription> subscriptions;
+        harness->runOn(queue, [&] {
+            subscriptions.push_back(queue->after(1h, [captured, queue] {}));
+            subscriptions.push_back(queue->every(1ms, [captured] {}));
+            subscriptions.push_back(queue->whenReadable(pipe.ends[0], [captured] {}));
+        });
+        for (const char step : order) {
+            if (step == 'P') harness.reset();
+            if (step == 'Q') queue.reset();
+            if (step != 'S') continue;
+            if (harness && queue)
+                harness->runOn(queue, [&] { subscriptions.clear(); });
+            else if (harness)
+                break; // only its own queue may cancel: the pool goes first
+            else
+                subscriptions.clear();
+        }
+        harness.reset();
+        subscriptions.clear();
+        EXPECT_EQ(captured.use_count(), 1);
+    }
+}
+
+// At any moment one such task is waiting or running.
+static void postForever(const QueueRef& queue, std::shared_ptr<int> count)
+{
+    queue->post([queue, count] {
+        ++*count;
+        postForever(queue, count);
+    });
+}
+
+TYPED_TEST(AnyQueue, destroysTasksNotYetBegunWhenThePoolGoes)
+{
+    const auto captured = std::make_shared<int>();
+    auto harness = std::make_unique<TypeParam>();
+    const QueueRef queue = harness->makeQueue();
+    postForever(queue, captured);
+    harness.reset();
+    EXPECT_EQ(captured.use_count(), 1);
+
+    queue->post([captured] {});
+    EXPECT_EQ(captured.use_count(), 1) << "a task posted to a stopped pool is destroyed at once";
+}
+
+TYPED_TEST(AnyQueue, answersALifetimeWatchAfterAHopThroughAnotherQueue)
+{
+    const QueueRef other = this->harness.makeQueue("other");
+    auto lifetime = std::make_unique<Lifetime>();
+    int alive = 0, dead = 0;
+    const auto hop = [&] {
+        other->post(
+            [&, watch = lifetime->watch()] { this->queue->post([&, watch] { ++(watch ? alive : dead); }); });
+    };
+    this->runOn(hop);
+    ASSERT_TRUE(this->waitUntil([&] { return alive == 1; }));
+    this->runOn([&] {
+        hop();
+        lifetime.reset(); // mid-flight
+    });
+    ASSERT_TRUE(this->waitUntil([&] { return dead == 1; }));
+    EXPECT_EQ(alive, 1);
+}
