@@ -1,5 +1,7 @@
 #pragma once
 
+#include "PelorinCore/Wire/Message.h"
+
 #include <string>
 
 namespace pelorin {
@@ -12,6 +14,9 @@ public:
     // Replaces the content; it stays available to applications while this object lives. False when it can't
     // be set.
     virtual bool setText(const std::string& text) = 0;
+
+    // Held while V is pressed, it pastes.
+    virtual KeyModifiers pasteModifier() const { return keyModifier::control; }
 };
 
 } // namespace pelorin
