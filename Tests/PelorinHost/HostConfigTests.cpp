@@ -1,6 +1,6 @@
 #include "PelorinHost/AtomicFile.h"
 #include "PelorinHost/HostConfig.h"
-#include "Tests/Lab/TemporaryDirectory.h"
+#include "Tests/Lab/Programs.h"
 
 #include <algorithm>
 #include <fstream>
@@ -97,7 +97,7 @@ TEST(HostConfig, writesWhatItReadsWithSortedIndentedKeys)
 
 TEST(HostConfig, replacesOnlyFilesThatAreMissingOrMalformed)
 {
-    TemporaryDirectory temporary;
+    lab::TemporaryFolder temporary;
     const auto directory = temporary.path() / "not" / "there yet";
     const auto file = directory / "host.json";
     const auto content = [&] { return readWholeFile(file, 1 << 20).value_or("unreadable"); };
@@ -123,7 +123,7 @@ TEST(HostConfig, replacesOnlyFilesThatAreMissingOrMalformed)
 
 TEST(HostConfig, runsOnWithDefaultsWhereNothingCanBeReadOrWritten)
 {
-    TemporaryDirectory temporary;
+    lab::TemporaryFolder temporary;
     std::ofstream(temporary.path() / "file") << "x";
     EXPECT_EQ(HostConfig::load(temporary.path() / "file" / "below"), HostConfig());
 
