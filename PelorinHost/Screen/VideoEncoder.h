@@ -3,6 +3,7 @@
 #include "PelorinHost/Platform/Compression.h"
 #include "PelorinNet/Log.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -20,8 +21,8 @@ struct EncodedFrame {
 
 // Turns pictures into a low-latency H.264 or HEVC stream: makes its compression session at the size of the
 // first picture, makes it anew when the size changes, and falls back in a fixed chain when an encoder is not
-// to be had. encode runs on the capture queue, setBitrate and setForceKeyframe on the session's; the lock
-// guards session, forceKeyframe and bitrate and is never held across an encode. Owned by the ScreenStreamer.
+// to be had. Failures are logged and cost the picture; the next one tries again. encode runs on the capture
+// queue, setBitrate and setForceKeyframe on the session's. Owned by the ScreenStreamer.
 class VideoEncoder {
 public:
     VideoEncoder(
@@ -36,17 +37,32 @@ public:
     void setBitrate(int bitsPerSecond);
     void setForceKeyframe();
 
-    VideoCodec codec() const;
-    bool usesLowLatencyRateControl() const;
+    VideoCodec codec() const { return currentCodec; }
+    bool usesLowLatencyRateControl() const { return isLowLatency; }
 
 private:
-    struct Output;
+    struct Receiver;
+
+    std::shared_ptr<CompressionSession> sessionFor(const PixelBuffer& picture);
+    std::shared_ptr<CompressionSession> createSession(int widthPx, int heightPx);
+    Compression::Created createInChain(int widthPx, int heightPx);
+    void configure(CompressionSession& made, int rate);
+    void install(std::shared_ptr<CompressionSession> made, int configuredRate);
+    void tearDown();
 
     Compression& compression;
-    std::shared_ptr<Output> output; // what the output handler may still reach after we are gone
-    // The rest of the state is the implementation's to lay out.
-    struct State;
-    std::unique_ptr<State> state;
+    const int frameRate;
+    const Log log{"encoder"};
+    std::atomic<VideoCodec> currentCodec; // moves from HEVC to H.264 at most
+    std::atomic<bool> isLowLatency = false;
+    int width = 0; // of the current session
+    int height = 0;
+    std::shared_ptr<Receiver> receiver; // the current session's outputs watch it; they may outlive us
+
+    std::mutex lock; // guards the rest; never held across an encode
+    std::shared_ptr<CompressionSession> session;
+    bool forceKeyframe = true;
+    int bitrate; // bits per second
 };
 
 } // namespace pelorin

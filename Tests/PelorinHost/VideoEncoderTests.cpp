@@ -1,0 +1,305 @@
+#include "PelorinHost/Screen/VideoEncoder.h"
+
+#include "Tests/Fakes/FakeCompression.h"
+
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace compressionProperty;
+using testing::ElementsAre;
+using enum EncoderSpecification;
+
+// Every line of the encoder's log while it stands.
+class LogLines {
+public:
+    LogLines()
+    {
+        Log::observe([this](LogLevel, std::string_view category, std::string_view text) {
+            if (category == "encoder") lines.emplace_back(text);
+        });
+    }
+    ~LogLines() { Log::observe({}); }
+    std::vector<std::string> lines;
+};
+
+PixelBuffer picture(int widthPx, int heightPx, std::uint64_t sequence = 1)
+{
+    PixelBuffer buffer;
+    buffer.widthPx = widthPx;
+    buffer.heightPx = heightPx;
+    buffer.sequence = sequence;
+    return buffer;
+}
+
+constexpr SteadyTime at(Duration sinceEpoch)
+{
+    return SteadyTime(sinceEpoch);
+}
+
+// What a VideoEncoder reports, in order: "format 2", "key 1000", "delta 2000".
+struct Reports {
+    explicit Reports(VideoEncoder& encoder)
+    {
+        encoder.onFormat = [this](VideoCodec codec, std::vector<Bytes> sets) {
+            codecs.push_back(codec);
+            events.push_back(fmt::format("format {}", sets.size()));
+        };
+        encoder.onFrame = [this](EncodedFrame frame) {
+            events.push_back(fmt::format("{} {}", frame.isKeyframe ? "key" : "delta", frame.ptsMicros));
+            frames.push_back(std::move(frame));
+        };
+    }
+    std::vector<VideoCodec> codecs;
+    std::vector<std::string> events;
+    std::vector<EncodedFrame> frames;
+};
+
+TEST(VideoEncoder, fallsBackInItsFixedChain)
+{
+    using Status = std::map<std::pair<VideoCodec, EncoderSpecification>, CompressionStatus>;
+    constexpr auto hevc = VideoCodec::hevc;
+    constexpr auto h264 = VideoCodec::h264;
+    const struct {
+        const char* name;
+        VideoCodec preference;
+        Status statuses;
+        bool givesNoSession;
+        VideoCodec codec;
+        bool isLowLatency;
+        std::size_t requests;
+        std::vector<std::string> log;
+    } cases[] = {
+        {"H.264 at once", h264, {}, false, h264, true, 1,
+            {"encoder H.264 1280x720 @ 12 Mbps, low latency: true"}},
+        {"HEVC at once", hevc, {}, false, hevc, true, 1,
+            {"encoder HEVC 1280x720 @ 12 Mbps, low latency: true"}},
+        {"HEVC too slow", hevc, {{{hevc, lowLatency}, compressionStatus::tooSlow}}, false, h264, true, 2,
+            {"HEVC low-latency unavailable (-12915); falling back to H.264",
+                "encoder H.264 1280x720 @ 12 Mbps, low latency: true"}},
+        {"no low latency", h264, {{{h264, lowLatency}, -12908}}, false, h264, false, 2,
+            {"low-latency rate control unavailable (-12908); using regular real-time mode",
+                "encoder H.264 1280x720 @ 12 Mbps, low latency: false"}},
+        {"HEVC without any low latency", hevc, {{{hevc, lowLatency}, -1}, {{h264, lowLatency}, -2}}, false,
+            h264, false, 3,
+            {"HEVC low-latency unavailable (-1); falling back to H.264",
+                "low-latency rate control unavailable (-2); using regular real-time mode",
+                "encoder H.264 1280x720 @ 12 Mbps, low latency: false"}},
+        {"nothing", h264, {{{h264, lowLatency}, -2}, {{h264, hardwareAccelerated}, -3}}, false, h264, false,
+            2,
+            {"low-latency rate control unavailable (-2); using regular real-time mode",
+                "could not create encoder 1280x720: -3"}},
+        {"success without a session", h264, {}, true, h264, true, 1,
+            {"could not create encoder 1280x720: 0"}},
+    };
+    for (const auto& expected : cases) {
+        SCOPED_TRACE(expected.name);
+        const LogLines log;
+        FakeCompression compression;
+        compression.statuses = expected.statuses;
+        compression.givesNoSession = expected.givesNoSession;
+        VideoEncoder encoder(compression, expected.preference, 12'999'999, 60);
+        encoder.encode(picture(1280, 720), at(1ms));
+        EXPECT_EQ(encoder.codec(), expected.codec);
+        EXPECT_EQ(encoder.usesLowLatencyRateControl(), expected.isLowLatency);
+        EXPECT_EQ(compression.requests.size(), expected.requests);
+        EXPECT_EQ(log.lines, expected.log);
+    }
+}
+
+TEST(VideoEncoder, staysWithH264OnceItFellBack)
+{
+    FakeCompression compression;
+    compression.statuses[{VideoCodec::hevc, lowLatency}] = compressionStatus::tooSlow;
+    VideoEncoder encoder(compression, VideoCodec::hevc, 1'000'000, 30);
+    const Reports reports(encoder);
+    encoder.encode(picture(640, 400), at(1ms));
+    compression.statuses.clear();
+    encoder.encode(picture(320, 200), at(2ms));
+    EXPECT_EQ(compression.requests.size(), 3U);
+    EXPECT_EQ(compression.requests.back().codec, VideoCodec::h264);
+    EXPECT_THAT(reports.codecs, ElementsAre(VideoCodec::h264, VideoCodec::h264));
+}
+
+TEST(VideoEncoder, triesAgainWithTheNextPictureWhenNoEncoderCouldBeMade)
+{
+    FakeCompression compression;
+    compression.statuses
+        = {{{VideoCodec::h264, lowLatency}, -2}, {{VideoCodec::h264, hardwareAccelerated}, -3}};
+    VideoEncoder encoder(compression, VideoCodec::h264, 1'000'000, 30);
+    const Reports reports(encoder);
+    encoder.encode(picture(640, 400), at(1ms));
+    EXPECT_TRUE(reports.events.empty());
+    compression.statuses.clear();
+    encoder.encode(picture(640, 400), at(2ms));
+    EXPECT_THAT(reports.events, ElementsAre("format 2", "key 2000"));
+    EXPECT_TRUE(encoder.usesLowLatencyRateControl());
+}
+
+TEST(VideoEncoder, setsItsPropertiesInOrderAndToleratesRejectedOnes)
+{
+    const LogLines log;
+    FakeCompression compression;
+    compression.propertyStatuses["ExpectedFrameRate"] = compressionStatus::propertyNotSupported;
+    VideoEncoder encoder(compression, VideoCodec::h264, 8'000'000, 30);
+    encoder.encode(picture(640, 400), at(1ms));
+
+    const auto& session = compression.lastSession();
+    std::vector<std::string> names;
+    for (const auto& property : session.properties) names.push_back(nameOf(property));
+    EXPECT_THAT(names,
+        ElementsAre("RealTime", "AllowFrameReordering", "ProfileLevel", "MaxKeyFrameInterval",
+            "MaxKeyFrameIntervalDuration", "AverageBitRate", "DataRateLimits"));
+    EXPECT_TRUE(session.last<RealTime>()->value);
+    EXPECT_FALSE(session.last<AllowFrameReordering>()->value);
+    EXPECT_EQ(session.last<Profile>()->value, ProfileLevel::h264ConstrainedHighAutoLevel);
+    EXPECT_EQ(session.last<MaxKeyFrameInterval>()->frames, 1800);
+    EXPECT_EQ(session.last<MaxKeyFrameIntervalDuration>()->seconds, 60);
+    EXPECT_EQ(session.last<AverageBitRate>()->bitsPerSecond, 8'000'000);
+    EXPECT_EQ(session.last<DataRateLimits>()->bytes, 1'500'000);
+    EXPECT_EQ(session.last<DataRateLimits>()->seconds, 1);
+    EXPECT_TRUE(session.isPrepared);
+    EXPECT_THAT(log.lines,
+        ElementsAre("encoder property ExpectedFrameRate rejected: -12900",
+            "encoder H.264 640x400 @ 8 Mbps, low latency: true"));
+}
+
+TEST(VideoEncoder, asksForTheProfileThatFitsCodecAndMode)
+{
+    const struct {
+        VideoCodec codec;
+        bool isLowLatency;
+        ProfileLevel profile;
+    } cases[] = {
+        {VideoCodec::hevc, true, ProfileLevel::hevcMainAutoLevel},
+        {VideoCodec::h264, true, ProfileLevel::h264ConstrainedHighAutoLevel},
+        {VideoCodec::h264, false, ProfileLevel::h264HighAutoLevel},
+    };
+    for (const auto& [codec, isLowLatency, profile] : cases) {
+        FakeCompression compression;
+        if (!isLowLatency) compression.statuses[{codec, lowLatency}] = -1;
+        VideoEncoder encoder(compression, codec, 8'000'000, 30);
+        encoder.encode(picture(640, 400), at(1ms));
+        EXPECT_EQ(compression.lastSession().last<Profile>()->value, profile);
+    }
+}
+
+TEST(VideoEncoder, forcesAKeyframeFirstThenOnDemandAndAfterEveryChangeOfSize)
+{
+    FakeCompression compression;
+    VideoEncoder encoder(compression, VideoCodec::h264, 8'000'000, 60);
+    const Reports reports(encoder);
+    encoder.encode(picture(640, 400), at(1ms));
+    encoder.encode(picture(640, 400), at(2ms));
+    encoder.setForceKeyframe();
+    encoder.encode(picture(640, 400), at(3ms));
+    encoder.encode(picture(640, 400), at(4ms));
+    encoder.encode(picture(640, 402), at(5ms));
+    EXPECT_THAT(reports.events,
+        ElementsAre("format 2", "key 1000", "delta 2000", "format 2", "key 3000", "delta 4000", "format 2",
+            "key 5000"));
+    ASSERT_EQ(compression.sessions.size(), 2U);
+    EXPECT_TRUE(compression.sessions[0]->isCompleted);
+    EXPECT_TRUE(compression.sessions[0]->isDestroyed);
+}
+
+TEST(VideoEncoder, owesTheKeyframeOfAnEncodeThatFailed)
+{
+    const LogLines log;
+    FakeCompression compression;
+    VideoEncoder encoder(compression, VideoCodec::h264, 8'000'000, 60);
+    const Reports reports(encoder);
+    compression.encodeStatus = compressionStatus::failed;
+    encoder.encode(picture(640, 400), at(1ms));
+    EXPECT_EQ(log.lines.back(), "encode failed: -12903");
+    compression.encodeStatus = compressionStatus::success;
+    encoder.encode(picture(640, 400), at(2ms));
+    EXPECT_THAT(reports.events, ElementsAre("format 2", "key 2000"));
+}
+
+TEST(VideoEncoder, followsTheBitrateBeforeAndDuringASession)
+{
+    const LogLines log;
+    FakeCompression compression;
+    VideoEncoder encoder(compression, VideoCodec::hevc, 12'000'000, 60);
+    encoder.setBitrate(4'000'000);
+    encoder.encode(picture(1280, 720), at(1ms));
+    auto& session = compression.lastSession();
+    EXPECT_EQ(session.last<AverageBitRate>()->bitsPerSecond, 4'000'000);
+    EXPECT_EQ(log.lines.back(), "encoder HEVC 1280x720 @ 4 Mbps, low latency: true");
+
+    const std::size_t before = session.properties.size();
+    encoder.setBitrate(2'000'000);
+    ASSERT_EQ(session.properties.size(), before + 2);
+    EXPECT_EQ(std::get<AverageBitRate>(session.properties[before]).bitsPerSecond, 2'000'000);
+    EXPECT_EQ(std::get<DataRateLimits>(session.properties[before + 1]).bytes, 375'000);
+    EXPECT_EQ(compression.sessions.size(), 1U);
+}
+
+TEST(VideoEncoder, handsASampleThroughAndDropsWhatIsNone)
+{
+    const LogLines log;
+    FakeCompression compression;
+    compression.emitsAtOnce = false;
+    VideoEncoder encoder(compression, VideoCodec::h264, 8'000'000, 60);
+    const Reports reports(encoder);
+    auto buffer = picture(640, 400);
+    buffer.times.grabbed = at(7ms);
+    for (int i = 0; i < 4; ++i) encoder.encode(buffer, at(1ms));
+    auto& session = compression.lastSession();
+
+    FakeCompression::emit(session, 0, -5, {});
+    EXPECT_EQ(log.lines.back(), "encoder output error: -5");
+    auto notReady = FakeCompression::sampleFor(session, session.encodes[1]);
+    notReady.isDataReady = false;
+    FakeCompression::emit(session, 1, compressionStatus::success, notReady);
+    EXPECT_TRUE(reports.events.empty());
+
+    auto sample = FakeCompression::sampleFor(session, session.encodes[0]);
+    sample.nalLengthSize = 2;
+    const Bytes data = sample.data;
+    FakeCompression::emit(session, 2, compressionStatus::success, sample);
+    EXPECT_EQ(log.lines.back(), "unexpected NAL length size 2; client assumes 4");
+    ASSERT_THAT(reports.events, ElementsAre("format 2", "key 1000"));
+    EXPECT_EQ(reports.frames[0].data, data);
+    EXPECT_EQ(reports.frames[0].captureTimes.grabbed, at(7ms));
+    EXPECT_EQ(reports.frames[0].encodedAt, at(1ms));
+
+    sample.parameterSets.clear();
+    FakeCompression::emit(session, 3, compressionStatus::success, sample);
+    EXPECT_THAT(reports.events, ElementsAre("format 2", "key 1000", "key 1000"));
+}
+
+TEST(VideoEncoder, stampsInMicrosecondsRoundedAndNeverNegative)
+{
+    const std::pair<Duration, std::uint64_t> cases[] = {{-3s, 0}, {-1ns, 0}, {0ns, 0}, {499ns, 0}, {500ns, 1},
+        {1'499ns, 1}, {2'500ns, 3}, {3h + 1'500ns, 10'800'000'002}};
+    FakeCompression compression;
+    VideoEncoder encoder(compression, VideoCodec::h264, 8'000'000, 60);
+    const Reports reports(encoder);
+    for (const auto& [time, micros] : cases) {
+        encoder.encode(picture(640, 400), at(time));
+        EXPECT_EQ(reports.frames.back().ptsMicros, micros) << time.count();
+    }
+}
+
+TEST(VideoEncoder, completesWhatIsUnderWayWhenDestroyedAndIgnoresOutputsThatOutliveIt)
+{
+    FakeCompression compression;
+    compression.emitsAtOnce = false;
+    auto encoder = std::make_unique<VideoEncoder>(compression, VideoCodec::h264, 8'000'000, 60);
+    const Reports reports(*encoder);
+    encoder->encode(picture(640, 400), at(1ms));
+    encoder->encode(picture(640, 400), at(2ms));
+    encoder.reset();
+    EXPECT_THAT(reports.events, ElementsAre("format 2", "key 1000", "delta 2000"));
+    auto& session = compression.lastSession();
+    EXPECT_TRUE(session.isDestroyed);
+    FakeCompression::emit(session, 0);
+    EXPECT_EQ(reports.events.size(), 3U);
+}
+
+} // namespace
+} // namespace pelorin
