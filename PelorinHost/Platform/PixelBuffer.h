@@ -28,7 +28,7 @@ struct PixelBuffer {
     int chromaStride = 0;
 
     // Raised by one for each picture of a stream. What changed since the picture before it, in even-aligned
-    // rectangles; empty when nothing did.
+    // rectangles; empty when nothing did. A picture that is given again keeps its number, without damage.
     std::uint64_t sequence = 0;
     std::vector<PixelRect> damage;
     CaptureTimes times;
