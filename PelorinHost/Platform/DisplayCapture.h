@@ -47,11 +47,14 @@ public:
 
     std::function<void(const CaptureSample&)> onSample;
     std::function<void(PlatformError)> onStopped; // stopped by itself, at most once
+    // The display's mode or bounds changed. Pictures keep the configured size, now showing the whole of the
+    // display as it became, until updateConfiguration says otherwise.
+    std::function<void(const ShareableDisplay&)> onGeometryChanged;
 
     virtual Result<void, PlatformError> start() = 0;
     // From the next picture on, which follows at once and is damaged as a whole.
     virtual Result<void, PlatformError> updateConfiguration(const CaptureConfiguration& configuration) = 0;
-    // The display as it is now, whether or not it changed.
+    // The display as it is now, whether or not it changed. The configuration stays for the pictures after it.
     virtual Result<CaptureSample, PlatformError> captureStill(const CaptureConfiguration& configuration) = 0;
 };
 
