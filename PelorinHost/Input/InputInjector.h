@@ -16,13 +16,16 @@ namespace pelorin {
 class InputInjector {
 public:
     InputInjector(EventPosting& posting, DisplayBounds& displays, const SerialQueue& clock);
+    ~InputInjector(); // releaseAll
+    InputInjector(const InputInjector&) = delete;
+    InputInjector& operator=(const InputInjector&) = delete;
 
     void move(double dx, double dy); // display points, already accelerated
     void button(MouseButton button, bool isDown, std::uint8_t clickCount);
     void scroll(double dx, double dy, ScrollPhase phase, MomentumPhase momentum);
     void key(std::uint16_t keyCode, bool isDown, KeyModifiers modifiers);
-    void typeText(const std::string& utf8);
-    void releaseAll();
+    void typeText(const std::string& utf8); // up to the first byte that is not UTF-8
+    void releaseAll(); // every button, key and modifier that we hold down
 
     void confineTo(std::optional<std::uint32_t> displayID); // nothing: all active displays
     struct PointerState {
@@ -32,12 +35,16 @@ public:
     PointerState pointerState() const; // any queue
 
 private:
+    Point currentPosition();
+    Point confined(Point target, Point previous);
+    PointerEventType motionType() const;
+
     EventPosting& posting;
     DisplayBounds& displays;
     const SerialQueue& clock;
     std::set<MouseButton> buttonsDown;
     std::set<std::uint16_t> heldModifierKeys;
-    std::set<std::uint16_t> heldKeys;
+    std::set<std::uint16_t> heldKeys; // the other ones
     double scrollResidualX = 0;
     double scrollResidualY = 0;
     mutable std::mutex pointerLock;
