@@ -1,7 +1,10 @@
 #include "PelorinCore/Wire/FrameStamps.h"
 
+#include "PelorinCore/Wire/ByteWriter.h"
+
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace pelorin {
 
@@ -24,15 +27,17 @@ constexpr std::uint8_t trailingBits = 0x80;
 // Everything in front of the stamps, from the NAL unit's length on; the same for every frame of a codec.
 Bytes preamble(VideoCodec codec)
 {
-    const Bytes header = codec == VideoCodec::h264
-        ? Bytes{0x06} // nal_ref_idc 0, type 6 (SEI)
-        : Bytes{0x4E, 0x01}; // type 39 (prefix SEI), layer 0, temporal id 0
-    const std::size_t size = header.size() + 2 + userDataSize + 1;
-    Bytes bytes{0, 0, 0, static_cast<std::uint8_t>(size)};
-    bytes.insert(bytes.end(), header.begin(), header.end());
-    bytes.insert(bytes.end(), {userDataUnregistered, userDataSize});
-    bytes.insert(bytes.end(), layoutUUID.begin(), layoutUUID.end());
-    return bytes;
+    const std::size_t headerSize = codec == VideoCodec::h264 ? 1 : 2;
+    ByteWriter writer;
+    writer.writeUInt32(static_cast<std::uint32_t>(headerSize + 2 + userDataSize + 1));
+    if (codec == VideoCodec::h264)
+        writer.writeUInt8(0x06); // nal_ref_idc 0, type 6 (SEI)
+    else
+        writer.writeUInt16(0x4E01); // type 39 (prefix SEI), layer 0, temporal id 0
+    writer.writeUInt8(userDataUnregistered);
+    writer.writeUInt8(userDataSize);
+    for (const std::uint8_t byte : layoutUUID) writer.writeUInt8(byte);
+    return std::move(writer.data);
 }
 
 void appendStamp(Bytes& bytes, std::uint32_t stamp)

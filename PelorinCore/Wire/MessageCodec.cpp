@@ -61,7 +61,7 @@ public:
     template <class Value>
     void writeFields(const Value& value)
     {
-        std::apply([this](const auto&... field) { (write(field), ...); }, fieldsOf(value));
+        std::apply([&](const auto&... field) { (write(field), ...); }, fieldsOf(value));
     }
 
 private:
@@ -110,7 +110,7 @@ public:
     template <class Value>
     bool readFields(Value& value)
     {
-        return std::apply([this](auto&... field) { return (read(field) && ...); }, fieldsOf(value));
+        return std::apply([&](auto&... field) { return (read(field) && ...); }, fieldsOf(value));
     }
 
     std::optional<ProtocolError> failure;
