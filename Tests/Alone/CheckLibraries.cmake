@@ -1,0 +1,15 @@
+# cmake -DREADELF=... -P CheckLibraries.cmake PROGRAM: fails when the program needs a shared library other than
+# those of the compiler, its sanitizers and libc.
+math(EXPR last "${CMAKE_ARGC} - 1")
+set(program ${CMAKE_ARGV${last}})
+execute_process(COMMAND ${READELF} -d ${program} OUTPUT_VARIABLE dynamic COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*" needed "${dynamic}")
+if(NOT needed MATCHES "libc\\.so")
+    message(FATAL_ERROR "${program} does not even need libc: this is not what we meant to look at")
+endif()
+foreach(line IN LISTS needed)
+    string(REGEX REPLACE ".*\\[(.*)\\]" "\\1" library "${line}")
+    if(NOT library MATCHES "^(libstdc\\+\\+|libm|libgcc_s|libc|libasan|libubsan|libtsan|ld-linux[-a-z0-9_]*)\\.so")
+        message(SEND_ERROR "${program} needs ${library}")
+    endif()
+endforeach()
