@@ -1,3 +1,4 @@
+#include "AllocationWatch.h"
 #include "SampleMessages.h"
 
 #include <gmock/gmock.h>
@@ -16,7 +17,7 @@ Bytes header(std::uint8_t type, std::uint32_t length)
         static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
 }
 
-Bytes operator+(Bytes left, const Bytes& right)
+Bytes operator+(Bytes left, ByteView right)
 {
     left.insert(left.end(), right.begin(), right.end());
     return left;
@@ -120,6 +121,39 @@ TEST(FrameDecoder, refusesATooLargeFrameByItsHeaderAlone)
         EXPECT_THAT(*decoder.feed(ByteView{bytes}.first(4)), IsEmpty());
         EXPECT_EQ(decoder.feed(ByteView{bytes}.last(1)).error(), ProtocolError::frameTooLarge(length));
     }
+}
+
+TEST(FrameDecoder, allocatesForWhatIsThereNotForWhatIsAnnounced)
+{
+    const struct {
+        const char* what;
+        Bytes stream;
+    } rows[] = {
+        {"a frame without its payload", header(11, maxPayloadSize)},
+        {"a frame with too much", header(11, 0xFFFF'FFFF)},
+        {"data without its bytes", header(11, 13) + Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {"text without its bytes", header(24, 4) + Bytes{0x00, 0xFF, 0xFF, 0xFF}},
+        {"displays that are not there", header(19, 2) + Bytes{0xFF, 0xFF}},
+        {"parameter sets that are not there", header(10, 2) + Bytes{1, 0xFF}},
+    };
+    for (const auto& [what, stream] : rows) {
+        const AllocationWatch memory;
+        FrameDecoder decoder;
+        const auto messages = decoder.feed(stream);
+        EXPECT_TRUE(!messages || messages->empty()) << what;
+        EXPECT_LT(memory.peak(), 2'000) << what;
+    }
+}
+
+TEST(FrameDecoder, givesBackTheMemoryOfALargeFrame)
+{
+    const Bytes large = encodeFrame(message::Clipboard{std::string(10'000'000, 'x')});
+    const Bytes small = encodeFrame(message::Ping{1, 2});
+    const AllocationWatch memory;
+    FrameDecoder decoder;
+    ASSERT_THAT(*decoder.feed(large + ByteView{small}.first(7)), SizeIs(1));
+    EXPECT_LT(memory.live(), 2'000'000);
+    EXPECT_EQ(*decoder.feed(ByteView{small}.subspan(7)), std::vector<Message>{(message::Ping{1, 2})});
 }
 
 TEST(FrameDecoder, returnsNothingOfACallThatFailsAndKeepsFailing)
