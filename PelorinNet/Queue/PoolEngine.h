@@ -10,12 +10,13 @@
 
 namespace pelorin {
 
+using EngineRef = std::shared_ptr<QueuePool::Engine>;
 using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
 
 // The I/O context and its threads, for the sources of this module that speak Asio. Every object that holds an
 // I/O object (timer, socket) also holds the engine, declared before it, so that the context goes last;
 // handlers that wait in the context hold such objects weakly, or strongly where only stop shall release them.
-struct QueuePool::Engine {
+struct QueuePool::Engine : std::enable_shared_from_this<QueuePool::Engine> {
     explicit Engine(int threadCount);
 
     // Joins the threads and destroys every handler that waits. I/O objects may be destroyed afterwards, on

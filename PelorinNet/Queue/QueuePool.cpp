@@ -17,8 +17,6 @@ using boost::system::error_code;
 
 namespace {
 
-using EngineRef = std::shared_ptr<QueuePool::Engine>;
-
 // What timers and watches have in common: they are cancelled on their queue, or once nothing runs any more.
 class PoolSubscription : public Subscription::State {
 protected:
