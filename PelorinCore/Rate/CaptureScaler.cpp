@@ -33,7 +33,7 @@ std::optional<double> CaptureScaler::update(int bitrate, std::int64_t fullPixels
 
 double CaptureScaler::bitsPerPixel(double atScale, int bitrate, std::int64_t fullPixels) const
 {
-    return bitrate / (atScale * (atScale * fullPixels) * frameRate);
+    return bitrate / (atScale * (atScale * static_cast<double>(fullPixels)) * frameRate);
 }
 
 std::optional<double> CaptureScaler::stepTo(double newScale)

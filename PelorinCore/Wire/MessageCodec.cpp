@@ -5,7 +5,6 @@
 #include <array>
 #include <concepts>
 #include <limits>
-#include <optional>
 #include <tuple>
 #include <type_traits>
 
@@ -113,7 +112,7 @@ public:
         return std::apply([&](auto&... field) { return (read(field) && ...); }, fieldsOf(value));
     }
 
-    std::optional<ProtocolError> failure;
+    ProtocolError failure; // once a read said no
 
 private:
     bool read(std::uint8_t& value) { return take(bytes.readUInt8(), value); }
@@ -221,7 +220,7 @@ Result<void, ProtocolError> appendDecoded(ByteView payload, std::vector<Message>
 {
     FieldReader reader{payload};
     Message& message = messages.emplace_back(std::in_place_type<Type>);
-    if (!reader.readFields(*std::get_if<Type>(&message))) return std::unexpected(*std::move(reader.failure));
+    if (!reader.readFields(*std::get_if<Type>(&message))) return std::unexpected(std::move(reader.failure));
     return {};
 }
 
