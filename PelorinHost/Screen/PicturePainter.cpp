@@ -4,59 +4,15 @@
 #include "PelorinHost/Screen/DamageRects.h"
 
 #include <algorithm>
-#include <libyuv/scale_argb.h>
 
 namespace pelorin {
 namespace {
 
 constexpr int strideAlignment = 64; // bytes; a cache line and the widest vector
-// Pixels of the halved display that one pixel of the picture may draw on beyond its own place: the other
-// half of a bilinear pair, and what fixed-point steps are off by.
-constexpr int reach = 2;
 
 int alignedStride(int bytes)
 {
     return (bytes + strideAlignment - 1) / strideAlignment * strideAlignment;
-}
-
-std::int64_t scaledDown(std::int64_t value, int from, int to)
-{
-    return value * to / from;
-}
-
-std::int64_t scaledUp(std::int64_t value, int from, int to)
-{
-    return (value * to + from - 1) / from;
-}
-
-// The span of `to` pixels that has a part in span [first, first + count) of `from` pixels, margin more on
-// both sides, within [0, to).
-struct Span {
-    int first = 0;
-    int count = 0;
-};
-Span mappedSpan(Span span, int from, int to, int marginBefore, int marginAfter)
-{
-    const auto begin = std::max<std::int64_t>(0, scaledDown(span.first, from, to) - marginBefore);
-    const auto end = std::min<std::int64_t>(to, scaledUp(span.first + span.count, from, to) + marginAfter);
-    return {static_cast<int>(begin), static_cast<int>(std::max<std::int64_t>(0, end - begin))};
-}
-
-// Where the whole image would begin of which `part`, packed with `stride`, is at `first`: what libyuv asks
-// for, although it touches only the part. Computed as a number since it points outside of any object.
-std::uintptr_t wholeImage(const std::uint8_t* first, int stride, const PixelRect& part)
-{
-    return reinterpret_cast<std::uintptr_t>(first)
-        - static_cast<std::uintptr_t>(part.y) * static_cast<std::uintptr_t>(stride)
-        - static_cast<std::uintptr_t>(part.x) * 4;
-}
-
-std::uint8_t* reserved(std::vector<std::uint8_t>& pixels, const PixelRect& rect)
-{
-    const auto needed = static_cast<std::size_t>(rect.width) * static_cast<std::size_t>(rect.height) * 4
-        + PicturePainter::bytesReadPastEnd;
-    if (pixels.size() < needed) pixels.resize(needed);
-    return pixels.data();
 }
 
 } // namespace
@@ -80,88 +36,47 @@ struct PicturePainter::Canvas {
     std::vector<std::uint8_t> bytes;
 };
 
+// An odd last row or column stays out of the picture, rather than blurring all others.
 PicturePainter::PicturePainter(int sourceWidth, int sourceHeight, int newPictureWidth, int newPictureHeight)
-    : pictureWidth(newPictureWidth),
+    : shownWidth(sourceWidth - 1 == newPictureWidth ? newPictureWidth : sourceWidth),
+      shownHeight(sourceHeight - 1 == newPictureHeight ? newPictureHeight : sourceHeight),
+      pictureWidth(newPictureWidth),
       pictureHeight(newPictureHeight),
-      levelWidth(sourceWidth),
-      levelHeight(sourceHeight),
       canvas(std::make_shared<Canvas>(newPictureWidth, newPictureHeight))
 {
     require(pictureWidth > 0 && pictureHeight > 0 && pictureWidth % 2 == 0 && pictureHeight % 2 == 0,
         "a picture's size is even");
     require(sourceWidth > 0 && sourceHeight > 0, "a display has a size");
-    while (levelWidth / 2 >= pictureWidth && levelHeight / 2 >= pictureHeight) {
-        levelWidth /= 2;
-        levelHeight /= 2;
-        ++halvings;
-    }
-    // An odd row or column stays out of the picture, rather than blurring all others.
-    if (levelWidth - 1 == pictureWidth) --levelWidth;
-    if (levelHeight - 1 == pictureHeight) --levelHeight;
+    if (shownWidth != pictureWidth || shownHeight != pictureHeight)
+        scaler.emplace(shownWidth, shownHeight, pictureWidth, pictureHeight);
 }
 
 PixelRect PicturePainter::pictureRectOf(const PixelRect& sourceRect) const
 {
-    const int unit = 1 << halvings;
-    const PixelRect covered{0, 0, levelWidth * unit, levelHeight * unit};
-    const auto shown = intersection(sourceRect, covered);
+    const auto shown = intersection(sourceRect, {0, 0, shownWidth, shownHeight});
     if (isEmpty(shown)) return {};
-    if (isEnlarged()) return wholePicture(); // one pixel may show in many; rare and small
-    const PixelRect level{shown.x / unit, shown.y / unit,
-        (shown.x + shown.width - 1) / unit - shown.x / unit + 1,
-        (shown.y + shown.height - 1) / unit - shown.y / unit + 1};
-    if (!isScaled()) return evenAligned(level);
-
-    const auto x = mappedSpan({level.x, level.width}, levelWidth, pictureWidth, reach, reach);
-    const auto y = mappedSpan({level.y, level.height}, levelHeight, pictureHeight, reach, reach);
-    return evenAligned({x.first, y.first, x.count, y.count});
-}
-
-PixelRect PicturePainter::levelRectOf(const PixelRect& pictureRect) const
-{
-    if (!isScaled()) return pictureRect;
-    const auto x = mappedSpan({pictureRect.x, pictureRect.width}, pictureWidth, levelWidth, reach, reach);
-    const auto y = mappedSpan({pictureRect.y, pictureRect.height}, pictureHeight, levelHeight, reach, reach);
-    return {x.first, y.first, x.count, y.count};
+    return evenAligned(scaler ? scaler->targetRectOf(shown) : shown);
 }
 
 PixelRect PicturePainter::sourceRectOf(const PixelRect& pictureRect) const
 {
-    const auto level = levelRectOf(pictureRect);
-    const int unit = 1 << halvings;
-    return {level.x * unit, level.y * unit, level.width * unit, level.height * unit};
+    return scaler ? scaler->sourceRectOf(pictureRect) : pictureRect;
 }
 
-void PicturePainter::paint(const PixelRect& pictureRect, BgrxPixels source)
+void PicturePainter::paint(const PixelRect& rect, BgrxPixels source)
 {
-    const auto level = halved(source, sourceRectOf(pictureRect));
-    const auto pixels = isScaled() ? scaled(level, levelRectOf(pictureRect), pictureRect) : level;
-    convertToNv12(pixels, pictureRect.width, pictureRect.height, target(pictureRect));
-}
+    if (!scaler) return convertToNv12(source, rect.width, rect.height, target(rect));
 
-BgrxPixels PicturePainter::halved(BgrxPixels source, PixelRect rect)
-{
-    for (int step = 0; step < halvings; ++step) {
-        const PixelRect half{0, 0, rect.width / 2, rect.height / 2};
-        auto* pixels = reserved(halvedPixels[step % 2], half);
-        libyuv::ARGBScale(source.first, source.stride, rect.width, rect.height, pixels, half.width * 4,
-            half.width, half.height, libyuv::kFilterBox);
-        source = {pixels, half.width * 4};
-        rect = half;
+    // Two rows at a time, the least that conversion takes, so that they are converted while they are hot.
+    const int stride = rect.width * 4;
+    scaledPixels.resize(std::max(scaledPixels.size(), static_cast<std::size_t>(stride) * 2));
+    const int firstRow = sourceRectOf(rect).y;
+    for (int y = rect.y; y < rect.y + rect.height; y += 2) {
+        const PixelRect rows{rect.x, y, rect.width, 2};
+        const auto skipped = std::ptrdiff_t{sourceRectOf(rows).y - firstRow} * source.stride;
+        scaler->scale({source.first + skipped, source.stride}, rows, scaledPixels.data());
+        convertToNv12({scaledPixels.data(), stride}, rect.width, 2, target(rows));
     }
-    return source;
-}
-
-BgrxPixels PicturePainter::scaled(BgrxPixels level, const PixelRect& levelRect, const PixelRect& pictureRect)
-{
-    auto* pixels = reserved(scaledPixels, pictureRect);
-    const int stride = pictureRect.width * 4;
-    libyuv::ARGBScaleClip(
-        reinterpret_cast<const std::uint8_t*>(wholeImage(level.first, level.stride, levelRect)), level.stride,
-        levelWidth, levelHeight, reinterpret_cast<std::uint8_t*>(wholeImage(pixels, stride, pictureRect)),
-        stride, pictureWidth, pictureHeight, pictureRect.x, pictureRect.y, pictureRect.width,
-        pictureRect.height, libyuv::kFilterBox);
-    return {pixels, stride};
 }
 
 Nv12Pixels PicturePainter::target(const PixelRect& rect) const

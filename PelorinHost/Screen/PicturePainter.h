@@ -1,17 +1,17 @@
 #pragma once
 
 #include "PelorinHost/Platform/PixelBuffer.h"
-#include "PelorinHost/Screen/PixelConversion.h"
+#include "PelorinHost/Screen/AreaScaler.h"
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace pelorin {
 
 // Paints the pixels of a display, scaled to a picture's size, into one NV12 picture, rectangle by rectangle;
-// the result is the same as painting the whole. Large reductions halve by 2x2 means first, the rest is
-// bilinear. Owns the picture's pixels, together with the pictures it has given out. Lives on the capture
-// queue, owned by a capture stream.
+// the result is the same as painting the whole. Owns the picture's pixels, together with the pictures it has
+// given out. Lives on the capture queue, owned by a capture stream.
 class PicturePainter {
 public:
     // Both sizes in pixels; the picture's is even.
@@ -24,28 +24,22 @@ public:
     PixelRect sourceRectOf(const PixelRect& pictureRect) const;
     // source: the first pixel of sourceRectOf(pictureRect). Some bytes after its last row may be read.
     void paint(const PixelRect& pictureRect, BgrxPixels source);
-    static constexpr int bytesReadPastEnd = 64;
+    static constexpr int bytesReadPastEnd = AreaScaler::bytesReadPastEnd;
 
     // The picture as painted so far; sequence, damage and times are the caller's to fill in.
     std::shared_ptr<PixelBuffer> picture() const;
 
 private:
     struct Canvas;
-    bool isScaled() const { return levelWidth != pictureWidth || levelHeight != pictureHeight; }
-    bool isEnlarged() const { return levelWidth < pictureWidth || levelHeight < pictureHeight; }
-    PixelRect levelRectOf(const PixelRect& pictureRect) const;
     Nv12Pixels target(const PixelRect& pictureRect) const;
-    BgrxPixels halved(BgrxPixels source, PixelRect sourceRect);
-    BgrxPixels scaled(BgrxPixels level, const PixelRect& levelRect, const PixelRect& pictureRect);
 
+    int shownWidth = 0; // of the display
+    int shownHeight = 0;
     int pictureWidth = 0;
     int pictureHeight = 0;
-    int halvings = 0;
-    int levelWidth = 0; // of the display once halved
-    int levelHeight = 0;
+    std::optional<AreaScaler> scaler; // none when the picture has the display's size
+    std::vector<std::uint8_t> scaledPixels; // two rows
     std::shared_ptr<Canvas> canvas;
-    std::vector<std::uint8_t> halvedPixels[2];
-    std::vector<std::uint8_t> scaledPixels;
 };
 
 } // namespace pelorin
