@@ -41,7 +41,8 @@ public:
         paint(rect, sample, sample);
     }
 
-    // Dark strokes in cells of 8x16 on a light ground; a row of text is told by its number.
+    // Dark strokes in cells of 8x16 on a light ground, in lines of uneven length; a line is told by its
+    // number.
     void drawText(const PixelRect& rect, int firstRow = 0)
     {
         paint(
@@ -52,8 +53,9 @@ public:
                     = static_cast<unsigned>(row * 7919 + (x - rect.x) / 8 * 104729) * 2654435761U;
                 const int inX = (x - rect.x) % 8;
                 const int inY = (y - rect.y) % 16;
-                const bool isInk = inX > 0 && inX < 7 && inY > 2 && inY < 14 && glyph % 6 != 0
-                    && ((glyph >> ((inX * 3 + inY / 3 * 5) % 29)) & 1);
+                const int length = rect.width * (40 + row * 37 % 61) / 100;
+                const bool isInk = x - rect.x < length && inX > 0 && inX < 7 && inY > 2 && inY < 14
+                    && glyph % 6 != 0 && ((glyph >> ((inX * 3 + inY / 3 * 5) % 29)) & 1);
                 return isInk ? 40 : 235;
             },
             [](int, int, int) { return 128; });
