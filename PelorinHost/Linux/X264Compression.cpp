@@ -165,6 +165,10 @@ CompressionStatus X264Session::open(const CompressionSettings& settings)
     parameters.vui.i_transfer = 1;
     parameters.vui.i_colmatrix = 1;
 
+    // CABAC gives text 2 to 3 dB for a millisecond at 1080p, more than the next preset gives for four. The
+    // deblocking filter takes half a decibel from text, and without it a macroblock's pixels are its own.
+    parameters.b_cabac = 1;
+    parameters.b_deblocking_filter = 0;
     parameters.analyse.b_transform_8x8 = 1; // what makes it High
     parameters.analyse.b_mb_info = 1;
     parameters.rc.i_rc_method = X264_RC_ABR;
@@ -217,16 +221,10 @@ std::uint8_t* X264Session::constantMacroblocks(const PixelBuffer& picture)
 
 void X264Session::markChanged(const PixelRect& rect)
 {
-    // One macroblock more on each side: the deblocking of a changed one reaches into its neighbours, and
-    // there it would pile up, picture after picture, if they could not be coded anew.
-    constexpr int margin = macroblockPx;
-    const int left = std::clamp((rect.x - margin) / macroblockPx, 0, macroblocksWide);
-    const int top = std::clamp((rect.y - margin) / macroblockPx, 0, macroblocksHigh);
-    const int right
-        = std::clamp((rect.x + rect.width + margin + macroblockPx - 1) / macroblockPx, 0, macroblocksWide);
-    const int bottom
-        = std::clamp((rect.y + rect.height + margin + macroblockPx - 1) / macroblockPx, 0, macroblocksHigh);
-    if (right <= left) return;
+    const int left = std::clamp(rect.x / macroblockPx, 0, macroblocksWide);
+    const int top = std::clamp(rect.y / macroblockPx, 0, macroblocksHigh);
+    const int right = std::clamp((rect.x + rect.width - 1) / macroblockPx + 1, left, macroblocksWide);
+    const int bottom = std::clamp((rect.y + rect.height - 1) / macroblockPx + 1, top, macroblocksHigh);
     for (int row = top; row < bottom; ++row)
         std::fill_n(macroblockInfo.begin() + row * macroblocksWide + left, right - left, std::uint8_t{0});
 }

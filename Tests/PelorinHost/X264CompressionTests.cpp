@@ -143,5 +143,140 @@ TEST(X264Compression, makesTheVeryPictureAKeyframeThatIsForced)
     }
 }
 
+// Only the damage is coded anew, and nothing of the old picture may stay. Bursts of small changes all over,
+// with pictures skipped, repeated and marked wholly unchanged between them.
+TEST(X264Compression, leavesNoStaleBlockWhereTheDamageWas)
+{
+    Stream stream(1170, 730, 20'000'000);
+    stream.picture.drawText(stream.picture.whole());
+    stream.encodeNext();
+    std::minstd_rand random(7);
+    const auto below
+        = [&](int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)) & ~1; };
+    for (int round = 0; round < 120; ++round) {
+        PixelRect rect{below(1130), below(700), 0, 0};
+        rect.width = std::max(2, std::min(below(200), 1170 - rect.x));
+        rect.height = std::max(2, std::min(below(90), 730 - rect.y));
+        if (round % 3 == 0) stream.picture.fill(rect, 30 + round, 60 + round, 200 - round);
+        if (round % 3 != 0) stream.picture.drawText(rect, round);
+        const auto buffer = stream.picture.next();
+        if (round % 7 == 3) continue; // never reaches the encoder
+        stream.encode(buffer);
+        if (round % 5 == 0) stream.encode(stream.picture.repeat());
+        if (round % 11 == 0) stream.encodeNext(); // a new picture without damage
+        EXPECT_GT(stream.psnr(rect), 20) << round;
+    }
+    for (int i = 0; i < 30; ++i) stream.encode(stream.picture.repeat());
+    // A block that was left behind would show in its own 16x16, however good the rest is.
+    for (int y = 0; y < 720; y += 16)
+        for (int x = 0; x < 1168; x += 16) EXPECT_GT(stream.psnr({x, y, 16, 10}), 30) << x << ", " << y;
+}
+
+TEST(X264Compression, trustsTheDamageOfTheNextPictureAlone)
+{
+    Stream stream(640, 400, 20'000'000);
+    stream.encodeNext();
+    stream.picture.fill({320, 192, 64, 64}, 60, 90, 90);
+    const auto buffer = stream.picture.next();
+    auto lying = buffer;
+    lying.damage = {{0, 0, 16, 16}};
+    stream.encode(lying);
+    EXPECT_LT(stream.psnr({320, 192, 64, 64}), 15) << "undamaged macroblocks are not even looked at";
+    lying.sequence += 5;
+    stream.encode(lying);
+    EXPECT_GT(stream.psnr({320, 192, 64, 64}), 30) << "a gap in the numbers: everything may have changed";
+}
+
+TEST(X264Compression, mendsAStillPictureAndThenHardlySendsAnything)
+{
+    Stream stream(1280, 720, 6'000'000);
+    stream.picture.drawText(stream.picture.whole());
+    stream.encodeNext();
+    const double first = stream.psnr();
+    std::size_t bytes = 0;
+    for (int i = 0; i < 300; ++i) {
+        stream.encode(stream.picture.repeat());
+        if (i >= 240) bytes += stream.sample.data.size();
+    }
+    EXPECT_GT(stream.psnr(), std::max(first, 40.0));
+    EXPECT_LT(bytes, 60 * 1000U) << "a second of a still screen";
+}
+
+TEST(X264Compression, keepsEverySecondUnderTheLimitEvenWithNoise)
+{
+    constexpr int bitsPerSecond = 4'000'000;
+    Stream stream(640, 400, bitsPerSecond);
+    std::vector<std::size_t> sizes;
+    for (unsigned i = 0; i < 4 * frameRate; ++i) {
+        stream.picture.drawNoise(stream.picture.whole(), i);
+        stream.encodeNext(i % 50 == 20);
+        sizes.push_back(stream.sample.data.size());
+    }
+    std::size_t inSpan = 0;
+    std::size_t most = 0;
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        inSpan += sizes[i];
+        if (i >= frameRate) inSpan -= sizes[i - frameRate];
+        most = std::max(most, inSpan);
+    }
+    EXPECT_LE(most, bitsPerSecond / 8 * 1.55);
+    EXPECT_GE(most, bitsPerSecond / 8 * 0.8) << "it uses what it is given";
+}
+
+TEST(X264Compression, followsANewBitrateWithinASecondAndWithoutAKeyframe)
+{
+    Stream stream(640, 400, 8'000'000);
+    int frame = 0;
+    const auto secondsRate = [&] {
+        std::size_t bytes = 0;
+        for (int i = 0; i < frameRate; ++i) {
+            stream.picture.drawNoise(stream.picture.whole(), static_cast<unsigned>(frame++));
+            stream.encodeNext();
+            EXPECT_EQ(stream.sample.isNotSync, frame > 1);
+            bytes += stream.sample.data.size();
+        }
+        return static_cast<double>(bytes) * 8;
+    };
+    secondsRate();
+    EXPECT_NEAR(secondsRate(), 8e6, 1.6e6);
+    for (const int rate : {2'000'000, 6'000'000}) {
+        setRate(*stream.session, rate);
+        secondsRate();
+        EXPECT_NEAR(secondsRate(), rate, rate * 0.2);
+    }
+}
+
+TEST(X264Compression, makesAKeyframeAtLeastEverySixtySeconds)
+{
+    X264Compression compression;
+    const auto session = compression.createSession({VideoCodec::h264, 320, 200, {}, 60}).session;
+    session->setProperty(MaxKeyFrameIntervalDuration{60});
+    SyntheticPicture picture(320, 200);
+    const std::pair<Duration, bool> pictures[]
+        = {{5s, true}, {6s, false}, {64s, false}, {65s, true}, {66s, false}, {200s, true}};
+    for (const auto& [time, isKeyframe] : pictures)
+        session->encode(
+            picture.next(), SteadyTime(time), false, [&](CompressionStatus, CompressedSample out) {
+                EXPECT_EQ(out.isNotSync, !isKeyframe) << time.count();
+            });
+}
+
+TEST(X264Compression, takesPropertiesFromAnotherThreadWhileItEncodes)
+{
+    Stream stream(640, 400, 4'000'000);
+    std::atomic<bool> isDone = false;
+    std::jthread setter([&] {
+        for (int i = 0; !isDone; ++i) {
+            setRate(*stream.session, 1'000'000 + i % 100 * 100'000);
+            std::this_thread::yield();
+        }
+    });
+    for (int i = 0; i < 60; ++i) {
+        stream.picture.drawText({0, 0, 640, 128}, i);
+        stream.encodeNext();
+    }
+    isDone = true;
+}
+
 } // namespace
 } // namespace pelorin
