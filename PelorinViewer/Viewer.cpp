@@ -1,0 +1,224 @@
+#include "PelorinViewer/Viewer.h"
+
+#include "PelorinCore/Keys/KeyShortcut.h"
+#include "PelorinViewer/Picture.h"
+
+#include <algorithm>
+#include <unistd.h>
+#include <utility>
+
+namespace pelorin {
+
+namespace {
+
+// Large enough not to shrink the usual desktop.
+constexpr Viewport headlessViewport{1920, 1080, 1};
+
+constexpr double defaultMotionSeconds = 10;
+
+Duration durationOf(double seconds)
+{
+    return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds));
+}
+
+ClientCapabilities capabilitiesOf(CodecChoice codec)
+{
+    ClientCapabilities capabilities = clientCapability::choosesDisplay;
+    if (codec != CodecChoice::h264) capabilities |= clientCapability::decodesHEVC;
+    return capabilities;
+}
+
+std::string ownName()
+{
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "pelorin-viewer";
+    return name;
+}
+
+} // namespace
+
+Viewer::Viewer(
+    QueueRef newQueue, QueueRef newDecodeQueue, ViewerOptions newOptions, std::vector<ScriptStep> steps)
+    : queue(std::move(newQueue)),
+      decodeQueue(std::move(newDecodeQueue)),
+      options(std::move(newOptions)),
+      script(queue, std::move(steps))
+{
+    if (options.frames > 0) openGoals.push_back(Goal::frames);
+    if (options.seconds > 0 && options.measure != MeasureKind::motion) openGoals.push_back(Goal::seconds);
+    if (!options.scriptFile.empty()) openGoals.push_back(Goal::script);
+    if (options.measure != MeasureKind::none) openGoals.push_back(Goal::measurement);
+}
+
+void Viewer::start(const Connect& connect)
+{
+    queue->assertCurrent();
+    startedAt = queue->now();
+    if (options.timeoutSeconds > 0)
+        timeoutTimer = queue->after(durationOf(options.timeoutSeconds),
+            [this] { finish(ViewerExit::failed, "not done when the time was up"); });
+    connecting = connect(
+        [this](Result<std::unique_ptr<Channel>, NetError> channel) { connected(std::move(channel)); });
+}
+
+void Viewer::stop()
+{
+    queue->assertCurrent();
+    finish(ViewerExit::fine);
+}
+
+void Viewer::send(const Message& message)
+{
+    queue->assertCurrent();
+    if (session) session->send(message);
+}
+
+void Viewer::drew(Duration drawing)
+{
+    queue->assertCurrent();
+    if (session) session->drew(drawing);
+}
+
+void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
+{
+    if (isFinished) return;
+    if (!channel) return finish(ViewerExit::cannotConnect, channel.error().description);
+    PhoneSession::Settings settings{.clientName = ownName(),
+        .viewport = options.viewport.value_or(headlessViewport),
+        .display
+        = {options.followPhone ? DisplayMode::followPhone : DisplayMode::mirrorMain, 0, options.displayID},
+        .capabilities = capabilitiesOf(options.codec)};
+    session = std::make_unique<PhoneSession>(std::move(*channel), queue, decodeQueue, std::move(settings));
+    session->onHello = [this](const std::string& hostName) { greeted(hostName); };
+    session->onPicture = [this](const ReceivedPicture& picture) { showed(picture); };
+    session->onFormat = [this](const message::VideoFormat& format) {
+        report.codec = format.codec == VideoCodec::hevc ? "hevc" : "h264";
+    };
+    session->onPathInfo = [this](std::string path) { report.path = std::move(path); };
+    session->onClipboard = [this](std::string text) {
+        if (onClipboard) onClipboard(std::move(text));
+    };
+    session->onSecond = [this](const PhoneFigures& figures) {
+        if (onSecond) onSecond(figures);
+    };
+    session->onEnd = [this](const SessionEnd& end) { ended(end); };
+    session->start();
+}
+
+void Viewer::greeted(const std::string& hostName)
+{
+    report.hostName = hostName;
+    log.info("connected to {}", hostName);
+    if (onHello) onHello(hostName);
+    if (std::ranges::count(openGoals, Goal::seconds) > 0)
+        secondsTimer = queue->after(durationOf(options.seconds), [this] { reached(Goal::seconds); });
+    startMeasurement();
+    if (options.scriptFile.empty()) return;
+
+    script.onSend = [this](const Message& message) { send(message); };
+    script.onScreenshot = [this](const std::string& file) { return saveScreenshot(file); };
+    script.onEnd = [this](ScriptPlayer::End end, std::string text) {
+        if (end == ScriptPlayer::End::failed)
+            finish(ViewerExit::failed, std::move(text));
+        else if (end == ScriptPlayer::End::quit)
+            finish(ViewerExit::fine);
+        else
+            reached(Goal::script);
+    };
+    script.start();
+}
+
+void Viewer::startMeasurement()
+{
+    if (options.measure == MeasureKind::latency) {
+        const auto key = KeyShortcut::parse(options.key);
+        require(key.has_value(), "the key to press was checked with the options");
+        latency.emplace(
+            queue, LatencyMeasurement::Settings{options.trials, key->keyCode, key->modifiers, options.probe});
+        latency->onSend = [this](const Message& message) { send(message); };
+        latency->onEnd = [this](LatencyFigures figures) {
+            const bool sawAny = figures.inputToPixelMs.count() > 0;
+            report.latency = std::move(figures);
+            if (sawAny)
+                reached(Goal::measurement);
+            else
+                finish(ViewerExit::failed, "no press of the key changed the picture");
+        };
+        latency->start();
+    }
+    if (options.measure == MeasureKind::motion) {
+        motion.emplace(queue, durationOf(options.seconds > 0 ? options.seconds : defaultMotionSeconds));
+        motion->onBegin = [this] { session->restartFigures(); };
+        motion->onEnd = [this](const MotionFigures& figures) {
+            report.motion = figures;
+            reached(Goal::measurement);
+        };
+        motion->start();
+    }
+}
+
+void Viewer::showed(const ReceivedPicture& picture)
+{
+    if (!report.firstPictureMs)
+        report.firstPictureMs
+            = std::chrono::duration<double, std::milli>(picture.decodedAt - startedAt).count();
+    last = picture.picture;
+    ++frames;
+    if (options.isHeadless) session->drew({}); // nothing is drawn, which takes no time
+    if (onPicture) onPicture(picture);
+
+    // Each of these may be what ends the run.
+    const auto alive = lifetime.watch();
+    const auto goesOn = [&] { return alive && !isFinished; };
+    if (goesOn() && latency) latency->sawPicture(picture);
+    if (goesOn() && motion) motion->sawPicture(picture.picture);
+    if (goesOn()) script.sawPicture(picture.picture);
+    if (goesOn() && frames == options.frames) reached(Goal::frames);
+}
+
+void Viewer::ended(const SessionEnd& end)
+{
+    const bool isRefusal
+        = end.kind == SessionEnd::Kind::refused || end.kind == SessionEnd::Kind::incompatible;
+    finish(isRefusal ? ViewerExit::refused : ViewerExit::lost, end.text);
+}
+
+void Viewer::reached(Goal goal)
+{
+    std::erase(openGoals, goal);
+    if (openGoals.empty()) finish(ViewerExit::fine);
+}
+
+Result<void, std::string> Viewer::saveScreenshot(const std::string& file)
+{
+    if (!last) return std::unexpected("there is no picture to save yet");
+    return writePNG(*last, file);
+}
+
+void Viewer::finish(ViewerExit exit, std::string message)
+{
+    if (std::exchange(isFinished, true)) return;
+    connecting.cancel();
+    secondsTimer.cancel();
+    timeoutTimer.cancel();
+    latency.reset();
+    motion.reset();
+    if (session) {
+        report.figures = session->total();
+        session->leave();
+    }
+    if (last) {
+        report.widthPx = last->widthPx;
+        report.heightPx = last->heightPx;
+    }
+    if (!options.screenshotFile.empty()) {
+        const auto saved = saveScreenshot(options.screenshotFile);
+        if (!saved && exit == ViewerExit::fine) {
+            exit = ViewerExit::failed;
+            message = saved.error();
+        }
+    }
+    if (onFinished) onFinished({exit, std::move(message), std::move(report)});
+}
+
+} // namespace pelorin

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "PelorinPhone/PhoneSession.h"
+#include "PelorinViewer/ScriptPlayer.h"
+#include "PelorinViewer/ViewerReport.h"
+
+namespace pelorin {
+
+// The program's exit codes.
+enum class ViewerExit {
+    fine = 0,
+    usage = 2,
+    cannotConnect = 3,
+    refused = 4, // by the host, with its text
+    failed = 5, // an expectation of the script, a time limit, a file that can't be written
+    lost = 6, // the connection broke, or what is there is no host
+};
+
+struct ViewerResult {
+    ViewerExit exit = ViewerExit::fine;
+    std::string message; // what went wrong, for people
+    ViewerReport report;
+};
+
+// One run of the viewer, with or without a window: connects, holds the session, plays the script or measures,
+// and says how it went. Queue: the session's. Owns the session and all that is played on it. Owned by the
+// program.
+class Viewer {
+public:
+    // Makes the connection and calls back on the queue, unless its subscription goes first.
+    using Connected = std::function<void(Result<std::unique_ptr<Channel>, NetError>)>;
+    using Connect = std::function<Subscription(Connected)>;
+
+    Viewer(QueueRef queue, QueueRef decodeQueue, ViewerOptions options, std::vector<ScriptStep> script);
+
+    // On the queue.
+    std::function<void(const ReceivedPicture&)> onPicture;
+    std::function<void(const PhoneFigures&)> onSecond;
+    std::function<void(std::string hostName)> onHello;
+    std::function<void(std::string)> onClipboard;
+    std::function<void(ViewerResult)> onFinished; // once; may destroy us
+
+    void start(const Connect& connect);
+    void stop(); // as the user asks
+    void send(const Message& message); // without effect while there is no session
+    void drew(Duration drawing);
+
+private:
+    // What has to be done before the run ends by itself; with no such thing it goes on.
+    enum class Goal { frames, seconds, script, measurement };
+
+    void connected(Result<std::unique_ptr<Channel>, NetError> channel);
+    void greeted(const std::string& hostName);
+    void showed(const ReceivedPicture& picture);
+    void ended(const SessionEnd& end);
+    void startMeasurement();
+    void reached(Goal goal);
+    Result<void, std::string> saveScreenshot(const std::string& file);
+    void finish(ViewerExit exit, std::string message = {});
+
+    QueueRef queue;
+    QueueRef decodeQueue;
+    ViewerOptions options;
+    Log log{"viewer"};
+    std::vector<Goal> openGoals;
+    SteadyTime startedAt;
+    Subscription connecting;
+    std::unique_ptr<PhoneSession> session;
+    ScriptPlayer script;
+    std::optional<LatencyMeasurement> latency;
+    std::optional<MotionMeasurement> motion;
+    std::optional<DecodedPicture> last;
+    int frames = 0;
+    ViewerReport report;
+    Subscription secondsTimer;
+    Subscription timeoutTimer;
+    bool isFinished = false;
+    Lifetime lifetime;
+};
+
+} // namespace pelorin
