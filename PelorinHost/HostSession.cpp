@@ -1,0 +1,351 @@
+#include "PelorinHost/HostSession.h"
+
+#include "PelorinHost/Session/CursorSampler.h"
+#include "PelorinHost/Session/DisplaySelection.h"
+#include "PelorinHost/Session/HelloExchange.h"
+#include "PelorinHost/Session/Liveness.h"
+#include "PelorinHost/Session/PhoneInput.h"
+#include "PelorinHost/Session/StreamKeeper.h"
+#include "PelorinHost/Session/VideoSender.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto statsPeriod = 1s;
+constexpr auto pathPeriod = 5s;
+constexpr auto displayWatchPeriod = 2s;
+constexpr auto resizeDebounce = 500ms; // of viewport changes, which come in bursts while a phone turns
+constexpr auto switchPause
+    = 500ms; // between two switches of the display: each starts capture and encoder anew
+
+VideoCodec codecFor(const HostConfig& config, ClientCapabilities capabilities)
+{
+    const bool isHEVC = config.preferHEVC && capabilities.contains(clientCapability::decodesHEVC);
+    return isHEVC ? VideoCodec::hevc : VideoCodec::h264;
+}
+
+template <class T>
+constexpr bool isInput = std::is_same_v<T, message::MouseMove>
+    || std::is_same_v<T, message::MouseButtonChange> || std::is_same_v<T, message::Scroll>
+    || std::is_same_v<T, message::Key> || std::is_same_v<T, message::Text>;
+
+} // namespace
+
+// Everything that exists from hello to the end; its destruction lets go of it all.
+struct HostSession::Running {
+    Running(HostSession& session, const message::Hello& hello)
+        : capabilities(hello.capabilities),
+          viewport(hello.viewport),
+          displaySettings(hello.display),
+          rate(session.config),
+          statistics(session.queue->now()),
+          liveness(session.queue->now(), session.config.idleTimeoutMinutes * 60),
+          displays(session.surroundings.platform.displayCapture(), session.surroundings.defaultDisplay),
+          video(session.outlet, statistics, rate, *session.queue,
+              capabilities.contains(clientCapability::readsFrameStamps)),
+          input(session.surroundings.platform, session.queue),
+          stream(session.surroundings.platform.displayCapture(), session.surroundings.platform.compression(),
+              session.queue, session.surroundings.queues.makeQueue("dev.pelorin.host.capture"),
+              [&session] { return session.streamSettings(); })
+    {
+    }
+
+    bool drawsCursor() const { return capabilities.contains(clientCapability::drawsCursor); }
+
+    ClientCapabilities capabilities;
+    Viewport viewport;
+    DisplaySettings displaySettings;
+    DisplaySelection::Choice display; // being streamed
+    SessionFigures figures;
+    RateAdaptation rate;
+    SessionStatistics statistics;
+    Liveness liveness;
+    DisplaySelection displays;
+    std::unique_ptr<PowerAssertion> displayAwake;
+    VideoSender video;
+    PhoneInput input;
+    std::optional<CursorSampler> cursor; // for a phone that draws it itself
+    StreamKeeper stream;
+    std::optional<std::string> lastPath;
+    SteadyTime nextSwitchAt;
+    Subscription statsTimer;
+    Subscription pathTimer;
+    Subscription displayWatchTimer;
+    Subscription pendingResize;
+    Subscription pendingSwitch;
+};
+
+HostSession::HostSession(SessionSurroundings newSurroundings, HostConfig newConfig,
+    std::unique_ptr<Channel> newConnection, std::string newPeer, QueueRef newQueue)
+    : peer(std::move(newPeer)),
+      peerAddress(newConnection->remoteAddress()),
+      surroundings(newSurroundings),
+      config(std::move(newConfig)),
+      connection(std::move(newConnection)),
+      queue(std::move(newQueue)),
+      outlet(*connection, queue)
+{
+}
+
+HostSession::~HostSession() = default;
+
+void HostSession::start()
+{
+    queue->assertCurrent();
+    outlet.onClogged = [this](std::size_t unsentBytes) { end(SessionEnd::notReading(unsentBytes)); };
+    connection->onBytes = [this](ByteView bytes) { receive(bytes); };
+    connection->onClosed = [this](std::optional<NetError> error) {
+        end(error ? SessionEnd::receiveFailed(*error) : SessionEnd::disconnected());
+    };
+    connection->start(queue);
+}
+
+void HostSession::end(SessionEnd how)
+{
+    queue->assertCurrent();
+    if (std::exchange(closed, true)) return;
+    endKind = how.kind;
+    if (how.farewell) outlet.send(*how.farewell);
+    running.reset();
+    connection->finish();
+    const auto report = std::move(onClose); // outlives us, should the report be our end
+    if (report) report(*this, std::move(how.reason));
+}
+
+SessionFigures HostSession::figures() const
+{
+    return running ? running->figures : SessionFigures{};
+}
+
+void HostSession::receive(ByteView bytes)
+{
+    if (closed) return;
+    auto messages = decoder.feed(bytes);
+    if (!messages) return end(SessionEnd::protocolError(messages.error()));
+    const auto alive = lifetime.watch();
+    for (auto& message : *messages) {
+        handle(message);
+        if (!alive || closed) return;
+    }
+}
+
+void HostSession::handle(Message& message)
+{
+    if (running) running->liveness.heard(queue->now());
+    const auto state = running ? SessionState::running : SessionState::beforeHello;
+    switch (ruleFor(typeOf(message), state)) {
+    case MessageRule::handle:
+        return std::visit([this](const auto& alternative) { on(alternative); }, message);
+    case MessageRule::ignore:
+        return;
+    case MessageRule::fault:
+        return end(SessionEnd::unexpected(typeOf(message)));
+    }
+}
+
+void HostSession::on(const message::Hello& hello)
+{
+    log.info("hello from {} viewport {}x{} mode {} density {:f}", asLabel(hello.clientName),
+        hello.viewport.widthPx, hello.viewport.heightPx, static_cast<int>(hello.display.mode),
+        hello.display.density);
+    HostPlatform& platform = surroundings.platform;
+    if (auto refusal = refusalOf(hello, platform.permissions())) {
+        log.warning("hello refused: {}", refusal->reason);
+        return end(std::move(*refusal));
+    }
+    saidHello = true;
+    outlet.send(message::HelloAck{protocolVersion, platform.system().hostName()});
+    running = std::make_unique<Running>(*this, hello);
+    running->figures.peer = peer;
+    running->figures.clientName = asLabel(hello.clientName);
+    running->figures.path = connection->pathDescription();
+    platform.power().declareUserActivity("Pelorin session started");
+    running->displayAwake = platform.power().preventDisplaySleep("Pelorin remote session");
+    const auto alive = lifetime.watch();
+    if (onHello) onHello(*this);
+    if (alive && !closed) startStreaming();
+}
+
+void HostSession::on(const message::Ping& ping)
+{
+    outlet.send(message::Pong{ping.id, ping.sentMicros});
+}
+
+void HostSession::on(const message::Bye&)
+{
+    end(SessionEnd::byClient());
+}
+
+void HostSession::on(const message::RequestKeyframe&)
+{
+    running->video.keyframeWanted();
+}
+
+void HostSession::on(const message::SetViewport& change)
+{
+    running->viewport = change.viewport;
+    running->pendingResize
+        = queue->after(resizeDebounce, [this] { running->stream.running().update(running->viewport); });
+}
+
+void HostSession::on(const message::SetDisplay& change)
+{
+    if (change.settings == running->displaySettings) return;
+    running->displaySettings = change.settings;
+    const auto pause = std::max(Duration::zero(), running->nextSwitchAt - queue->now());
+    running->pendingSwitch = queue->after(pause, [this] { switchDisplay(); });
+}
+
+void HostSession::on(const message::ClientReport& report)
+{
+    const auto change = running->rate.update(report);
+    if (change.bitrate) running->stream.running().setBitrate(*change.bitrate);
+    if (change.scale) running->stream.running().update(*change.scale);
+}
+
+void HostSession::on(const message::SetOptions& change)
+{
+    options = change.options;
+    if (onOptionsChanged) onOptionsChanged(*this);
+}
+
+void HostSession::on(const message::PasteText& paste)
+{
+    running->input.paste(paste);
+}
+
+// No pairing code is open here, so whatever the phone scanned is of no use any more.
+void HostSession::on(const message::PairRequest&)
+{
+    end(SessionEnd::pairingCodeExpired());
+}
+
+void HostSession::on(const message::LiveActivityRegister&)
+{
+    outlet.send(message::LiveActivityInfo{false, {}, surroundings.platform.system().hostName(), {}});
+}
+
+// Pointer, buttons, scrolling, keys and text. What else reaches this, the table has not let through.
+template <class InputMessage>
+void HostSession::on(const InputMessage& input)
+{
+    if constexpr (isInput<InputMessage>) {
+        running->liveness.sawInput(queue->now());
+        running->input.handle(input);
+        if constexpr (std::is_same_v<InputMessage, message::MouseMove>)
+            if (running->cursor) running->cursor->pointerMoved();
+    }
+}
+
+void HostSession::startStreaming()
+{
+    if (running->drawsCursor())
+        running->cursor.emplace(
+            queue, surroundings.queues.makeQueue("dev.pelorin.host.cursor"),
+            [&platform = surroundings.platform] { return platform.makeCursorSource(); },
+            running->input.injector());
+    if (running->cursor) {
+        running->cursor->onPosition = [this](message::CursorPosition at) { outlet.sendLatest(at); };
+        running->cursor->onImage
+            = [this](message::CursorImage image) { outlet.sendLatest(std::move(image)); };
+    }
+    running->video.onKeyframeWanted = [this] { running->stream.running().requestKeyframe(); };
+    running->stream.onFormat = [this](VideoCodec codec, std::vector<Bytes> sets) {
+        running->video.setFormat(codec, std::move(sets));
+    };
+    running->stream.onFrame = [this](EncodedFrame frame) { running->video.send(std::move(frame)); };
+    running->stream.onDisplayInfo = [this](message::DisplayInfo info) { captureIs(info); };
+    running->stream.onGivenUp = [this](SessionEnd how) { end(std::move(how)); };
+    running->stream.start();
+
+    if (running->capabilities.contains(clientCapability::choosesDisplay))
+        outlet.send(running->displays.list());
+    checkPath();
+    running->statsTimer = queue->every(statsPeriod, [this] { statisticsTick(); });
+    running->pathTimer = queue->every(pathPeriod, [this] { checkPath(); });
+    running->displayWatchTimer = queue->every(displayWatchPeriod, [this] { watchDisplays(); });
+}
+
+ScreenStreamer::Settings HostSession::streamSettings()
+{
+    running->nextSwitchAt = queue->now() + switchPause;
+    running->displays.refresh();
+    chooseDisplay();
+    return {.displayID = running->display.displayID,
+        .showsCursor = !running->drawsCursor(),
+        .viewport = running->viewport,
+        .scale = running->rate.scale(),
+        .maxFrameRate = usableFrameRate(config.maxFrameRate),
+        .codecPreference = codecFor(config, running->capabilities),
+        .startBitrate = running->rate.bitrate()};
+}
+
+void HostSession::captureIs(const message::DisplayInfo& info)
+{
+    running->rate.captureIs(info);
+    outlet.send(info);
+}
+
+// With no display at all, as while the display server restarts, the one that was streamed is waited for.
+void HostSession::chooseDisplay()
+{
+    const auto choice = running->displays.choose(running->displaySettings);
+    if (choice.displayID == 0) return;
+    if (running->displaySettings.mode == DisplayMode::followPhone)
+        log.warning("virtual display unavailable; falling back to the main display");
+    running->display = choice;
+    running->input.injector().confineTo(running->display.displayID);
+    if (running->cursor) running->cursor->follow(running->display.bounds, running->display.pointsPerPixel);
+}
+
+void HostSession::switchDisplay()
+{
+    const auto before = running->display.displayID;
+    chooseDisplay();
+    if (running->display.displayID != before) running->stream.start();
+}
+
+void HostSession::watchDisplays()
+{
+    if (!running->displays.refresh()) return;
+    if (running->capabilities.contains(clientCapability::choosesDisplay))
+        outlet.send(running->displays.list());
+    switchDisplay(); // what became of the streamed one itself, its stream sees
+}
+
+void HostSession::statisticsTick()
+{
+    const SteadyTime now = queue->now();
+    switch (running->liveness.tick(now)) {
+    case Liveness::Verdict::silent:
+        return end(SessionEnd::silent());
+    case Liveness::Verdict::idle:
+        return end(SessionEnd::idle(running->liveness.idleLimitSeconds));
+    case Liveness::Verdict::alive:
+        break;
+    }
+    running->video.tick();
+    running->rate.tick();
+    SessionFigures& figures = running->figures;
+    figures.displayLabel = running->display.displayLabel;
+    figures.targetMbps = running->rate.bitrate() / 1e6;
+    running->statistics.tick(now, figures);
+    if (onStats) onStats(figures);
+}
+
+void HostSession::checkPath()
+{
+    const std::string path = connection->pathDescription();
+    if (path == running->lastPath) return;
+    running->lastPath = path;
+    running->figures.path = path;
+    log.info("network path: {}", path);
+    outlet.send(message::PathInfo{path});
+}
+
+} // namespace pelorin

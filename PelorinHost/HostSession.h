@@ -1,0 +1,93 @@
+#pragma once
+
+#include "PelorinCore/Wire/FrameCodec.h"
+#include "PelorinHost/HostConfig.h"
+#include "PelorinHost/Platform/HostPlatform.h"
+#include "PelorinHost/Screen/ScreenStreamer.h"
+#include "PelorinHost/Session/MessageRules.h"
+#include "PelorinHost/Session/SessionEnd.h"
+#include "PelorinHost/Session/SessionOutlet.h"
+#include "PelorinHost/Session/SessionStatistics.h"
+#include "PelorinNet/Log.h"
+
+namespace pelorin {
+
+// What every session needs of the program around it, and outlives it.
+struct SessionSurroundings {
+    HostPlatform& platform;
+    QueueMaker& queues;
+    std::optional<std::uint32_t> defaultDisplay; // where the phone asks for no particular one
+};
+
+// One phone's connection from admission to its end: reads its messages, answers hello, and from then on owns
+// everything that shows it the desktop and lets it act there. Queue: "dev.pelorin.host.session", one for
+// each; everything here happens on it, destruction included, which is safe at any moment. Owned by the
+// HostServer.
+class HostSession {
+public:
+    HostSession(SessionSurroundings surroundings, HostConfig config, std::unique_ptr<Channel> connection,
+        std::string peer, QueueRef queue);
+    ~HostSession();
+
+    // All on the queue; they may destroy the session.
+    std::function<void(HostSession&, std::optional<std::string> reason)> onClose; // once, when it ends
+    std::function<void(const SessionFigures&)> onStats; // once a second
+    std::function<void(HostSession&)> onHello; // a phone has been accepted
+    std::function<void(HostSession&)> onOptionsChanged;
+
+    void start();
+    // Tells the phone, lets go of everything it held and closes. Later calls do nothing.
+    void end(SessionEnd how);
+
+    SessionFigures figures() const; // the latest
+
+    const std::string peer; // as shown to the user: login or device name, or "本机（测试模式）"
+    const std::string peerAddress;
+    EndKind endKind = EndKind::dropped; // how it ended
+    SessionOptions options; // the phone's latest
+    bool saidHello = false;
+
+private:
+    struct Running;
+
+    void receive(ByteView bytes);
+    void handle(Message& message);
+
+    void on(const message::Hello& hello);
+    void on(const message::Ping& ping);
+    void on(const message::Bye&);
+    void on(const message::RequestKeyframe&);
+    void on(const message::SetViewport& change);
+    void on(const message::SetDisplay& change);
+    void on(const message::ClientReport& report);
+    void on(const message::SetOptions& change);
+    void on(const message::PasteText& paste);
+    void on(const message::PairRequest&);
+    void on(const message::LiveActivityRegister&);
+    template <class InputMessage>
+    void on(const InputMessage& input);
+
+    void startStreaming();
+    ScreenStreamer::Settings streamSettings();
+    void captureIs(const message::DisplayInfo& info);
+
+    void chooseDisplay();
+    void switchDisplay();
+    void watchDisplays();
+
+    void statisticsTick();
+    void checkPath();
+
+    SessionSurroundings surroundings;
+    HostConfig config;
+    std::unique_ptr<Channel> connection;
+    QueueRef queue;
+    Log log{"session"};
+    FrameDecoder decoder;
+    SessionOutlet outlet;
+    bool closed = false;
+    std::unique_ptr<Running> running; // from hello to the end
+    Lifetime lifetime;
+};
+
+} // namespace pelorin

@@ -1,0 +1,92 @@
+#include "PelorinHost/Session/SessionOutlet.h"
+
+#include "PelorinCore/Wire/FrameCodec.h"
+
+#include <numeric>
+#include <utility>
+
+namespace pelorin {
+namespace {
+
+// Control messages are small and rare: a phone that leaves this much of them unread reads nothing at all.
+constexpr std::size_t maxUnsentControlBytes = 1 << 20;
+
+std::size_t sizeOf(const std::vector<Bytes>& parts)
+{
+    return std::accumulate(parts.begin(), parts.end(), std::size_t{0},
+        [](std::size_t sum, const Bytes& part) { return sum + part.size(); });
+}
+
+} // namespace
+
+SessionOutlet::SessionOutlet(Channel& newChannel, QueueRef newQueue)
+    : channel(newChannel),
+      queue(std::move(newQueue))
+{
+}
+
+void SessionOutlet::send(const Message& message)
+{
+    write(message, {});
+}
+
+void SessionOutlet::sendVideo(std::vector<Bytes> parts, Task onSent)
+{
+    if (isClogged) return;
+    const std::size_t size = sizeOf(parts);
+    videoBytesInFlight += size;
+    channel.send(
+        std::move(parts), [this, alive = lifetime.watch(), size, onSent = std::move(onSent)]() mutable {
+            if (!alive) return;
+            videoBytesInFlight -= size;
+            onSent();
+        });
+}
+
+void SessionOutlet::sendLatest(message::CursorPosition position)
+{
+    waitingPosition = position;
+    if (!isCursorInFlight) sendCursor();
+}
+
+void SessionOutlet::sendLatest(message::CursorImage image)
+{
+    waitingImage = std::move(image);
+    if (!isCursorInFlight) sendCursor();
+}
+
+void SessionOutlet::sendCursor()
+{
+    isCursorInFlight = waitingImage || waitingPosition;
+    if (!isCursorInFlight) return;
+    // A new shape goes ahead of the position it was seen at.
+    const Message next = waitingImage ? Message(*std::exchange(waitingImage, std::nullopt))
+                                      : Message(*std::exchange(waitingPosition, std::nullopt));
+    write(next, [this, alive = lifetime.watch()] {
+        if (alive) sendCursor();
+    });
+}
+
+void SessionOutlet::write(const Message& message, Task onSent)
+{
+    if (isClogged) return;
+    std::vector<Bytes> parts;
+    parts.push_back(encodeFrame(message));
+    channel.send(std::move(parts), std::move(onSent));
+    checkControlBytes();
+}
+
+void SessionOutlet::checkControlBytes()
+{
+    const std::size_t unsent = channel.unsentBytes();
+    if (unsent <= videoBytesInFlight + maxUnsentControlBytes) return;
+    isClogged = true;
+    // Posted, since whoever is sending would not survive the end of the session.
+    queue->post([this, alive = lifetime.watch(), unsent] {
+        if (!alive) return;
+        const auto report = std::move(onClogged); // outlives us, should the report be our end
+        report(unsent);
+    });
+}
+
+} // namespace pelorin

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "PelorinHost/Session/RateAdaptation.h"
+#include "PelorinHost/Session/SessionOutlet.h"
+#include "PelorinHost/Session/SessionStatistics.h"
+#include "PelorinHost/Session/VideoGate.h"
+
+namespace pelorin {
+
+// Turns encoded frames into messages, or drops them for a slow phone, and counts both. Queue: the session's.
+// Owned by the HostSession.
+class VideoSender {
+public:
+    VideoSender(SessionOutlet& outlet, SessionStatistics& statistics, RateAdaptation& rate,
+        const SerialQueue& clock, bool stampsFrames);
+
+    std::function<void()> onKeyframeWanted; // by the gate; ask the streamer
+
+    void setFormat(VideoCodec codec, std::vector<Bytes> parameterSets); // goes out ahead of each keyframe
+    void send(EncodedFrame frame);
+    void keyframeWanted(); // by the phone
+    void tick(); // once a second
+
+private:
+    void transmit(EncodedFrame frame);
+    void requestIf(bool isWanted);
+
+    SessionOutlet& outlet;
+    SessionStatistics& statistics;
+    RateAdaptation& rate;
+    const SerialQueue& clock;
+    bool stampsFrames;
+    VideoGate gate;
+    std::optional<message::VideoFormat> format;
+    Lifetime lifetime;
+};
+
+} // namespace pelorin
