@@ -1,0 +1,151 @@
+#include "PelorinHost/HostController.h"
+
+#include "PelorinHost/Shell/StatusReport.h"
+
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+constexpr auto farewellTime = 300ms; // for the last message to reach a phone before the program is gone
+
+template <class... Cases>
+struct Overloaded : Cases... {
+    using Cases::operator()...;
+};
+
+std::string commandOf(const std::string& request)
+{
+    constexpr int mostNested = 4; // a request is a flat object
+    const auto keepShallow = [](int depth, json::parse_event_t, json&) { return depth < mostNested; };
+    const json parsed = json::parse(request, keepShallow, false);
+    if (!parsed.is_object()) return {};
+    const auto command = parsed.find("command");
+    return command != parsed.end() && command->is_string() ? command->get<std::string>() : std::string();
+}
+
+std::string line(const json& object)
+{
+    return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+} // namespace
+
+HostController::HostController(
+    SessionSurroundings newSurroundings, HostServer::Listen newListen, Places newPlaces, QueueRef newQueue)
+    : surroundings(newSurroundings),
+      listen(std::move(newListen)),
+      places(std::move(newPlaces)),
+      queue(std::move(newQueue))
+{
+}
+
+Result<void, std::string> HostController::start()
+{
+    queue->assertCurrent();
+    // First of all: whoever loses against another host must not touch that one's files.
+    auto socket = ControlSocket::open(places.supportDirectory, queue);
+    if (!socket) return std::unexpected(socket.error());
+    controlSocket = std::move(*socket);
+    controlSocket->onRequest = [this](const std::string& request, ControlSocket::Reply reply) {
+        handleRequest(request, std::move(reply));
+    };
+    config = HostConfig::load(places.supportDirectory);
+    connectionLog.emplace(places.logDirectory);
+    startServer();
+    return {};
+}
+
+template <class Work>
+auto HostController::here(Work work)
+{
+    return [work, queue = queue, alive = lifetime.watch()](auto... values) {
+        queue->post([work, alive, ... values = std::move(values)] {
+            if (alive) work(values...);
+        });
+    };
+}
+
+void HostController::startServer()
+{
+    const QueueRef serverQueue = surroundings.queues.makeQueue("dev.pelorin.host.server");
+    server = Confined<HostServer>(
+        serverQueue, [surroundings = surroundings, config = config, listen = listen, serverQueue] {
+            return std::make_unique<HostServer>(surroundings, config, listen, serverQueue);
+        });
+    server.run(
+        [onEvent = here([this](const ServerEvent& event) { handle(event); }),
+            onLine = here([this](const std::string& text) { connectionLog->append(text, queue->wallNow()); }),
+            onLockWanted = here([this] {
+                log.warning("the session asked for the desktop to be locked, which this host cannot do");
+            })](HostServer& running) {
+            running.onEvent = onEvent;
+            running.onConnectionLog = onLine;
+            running.onLockWanted = onLockWanted;
+            running.start();
+        });
+}
+
+void HostController::handle(const ServerEvent& event)
+{
+    std::visit(Overloaded{
+                   [&](const serverEvent::AllowedLogins& logins) { allowedLogins = logins.names; },
+                   [&](const serverEvent::Rendezvous& rendezvous) { rendezvousStatus = rendezvous.status; },
+                   [&](const serverEvent::Stats& stats) { log.debug("{}", stats.line); },
+                   [](const auto&) {}, // the server's own log and status tell of these
+               },
+        event);
+}
+
+void HostController::handleRequest(const std::string& request, ControlSocket::Reply reply)
+{
+    const std::string command = commandOf(request);
+    if (command == "status") return reportStatus(std::move(reply));
+    if (command == "disconnect") return disconnectSession(std::move(reply));
+    if (command != "quit") return reply(line({{"error", "unknown command"}}));
+    reply(line({{"quitting", true}}));
+    quit();
+}
+
+void HostController::reportStatus(ControlSocket::Reply reply)
+{
+    const auto answer = here([this, reply = std::move(reply)](const HostServer::Status& status) {
+        reply(StatusReport{.server = status,
+            .allowedLogins = allowedLogins,
+            .rendezvous = rendezvousStatus,
+            .requiresPairing = config.requirePairing && !config.allowLoopbackForTesting}
+                .toJSON());
+    });
+    server.run([answer](HostServer& running) { answer(running.status()); });
+}
+
+void HostController::disconnectSession(ControlSocket::Reply reply)
+{
+    const auto answer
+        = here([reply = std::move(reply)](bool hadSession) { reply(line({{"disconnected", hadSession}})); });
+    server.run([answer](HostServer& running) { answer(running.disconnect()); });
+}
+
+void HostController::quit()
+{
+    queue->assertCurrent();
+    if (std::exchange(isQuitting, true)) return;
+    const auto afterwards = here([this](bool hadSession) {
+        const Duration wait = hadSession ? Duration(farewellTime) : Duration::zero();
+        farewell = queue->after(wait, [this] { letGo(); });
+    });
+    server.run([afterwards](HostServer& running) { afterwards(running.stop()); });
+}
+
+void HostController::letGo()
+{
+    server = {};
+    controlSocket.reset();
+    if (onQuit) onQuit();
+}
+
+} // namespace pelorin

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "PelorinHost/HostServer.h"
+#include "PelorinHost/Shell/ConnectionLog.h"
+#include "PelorinHost/Shell/ControlSocket.h"
+
+namespace pelorin {
+
+// The program's centre: reads the settings, runs the server, takes what it reports, in order, onto its own
+// queue, and answers the control socket. Queue: "main". Owns the server, the logs and the socket. Owned by
+// the program.
+class HostController {
+public:
+    struct Places {
+        std::filesystem::path supportDirectory;
+        std::filesystem::path logDirectory;
+    };
+    HostController(
+        SessionSurroundings surroundings, HostServer::Listen listen, Places places, QueueRef queue);
+
+    std::function<void()> onQuit; // everything is let go of, the program may end; at most once
+
+    // The error is a text for people: another host runs here, or the directory can't be used.
+    Result<void, std::string> start();
+    void quit();
+
+private:
+    void startServer();
+    void handle(const ServerEvent& event);
+    void handleRequest(const std::string& request, ControlSocket::Reply reply);
+    void reportStatus(ControlSocket::Reply reply);
+    void disconnectSession(ControlSocket::Reply reply);
+    void letGo();
+    // A callback of the server's that does its work on our queue.
+    template <class Work>
+    auto here(Work work);
+
+    SessionSurroundings surroundings;
+    HostServer::Listen listen;
+    Places places;
+    QueueRef queue;
+    Log log{"controller"};
+    HostConfig config;
+    std::unique_ptr<ControlSocket> controlSocket;
+    std::optional<ConnectionLog> connectionLog;
+    Confined<HostServer> server;
+    std::vector<std::string> allowedLogins;
+    std::optional<std::string> rendezvousStatus;
+    bool isQuitting = false;
+    Subscription farewell;
+    Lifetime lifetime;
+};
+
+} // namespace pelorin

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "PelorinHost/HostServer.h"
+
+namespace pelorin {
+
+// What `pelorin-host status` tells.
+struct StatusReport {
+    HostServer::Status server;
+    std::vector<std::string> allowedLogins;
+    std::optional<std::string> rendezvous; // absent: not registered
+    bool requiresPairing = false;
+
+    std::string toJSON() const; // indented, for programs
+};
+
+// The same for people, from the JSON of a running host. Nothing when it is no such report.
+std::optional<std::string> readableStatus(const std::string& json);
+
+} // namespace pelorin
