@@ -1,0 +1,354 @@
+#include "PelorinHost/Screen/ScreenStreamer.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Fakes/FakeCompression.h"
+#include "Tests/Fakes/FakeDisplayCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+
+TEST(CaptureSize, fitsTheViewportEvenAndNeverEnlarged)
+{
+    const struct {
+        const char* what;
+        int displayWidth, displayHeight;
+        Viewport viewport;
+        double scale;
+        CaptureSize expected;
+    } rows[] = {
+        {"no viewport yet", 1920, 1080, {0, 0, 1}, 1, {1920, 1080}},
+        {"no viewport yet, scaled", 1920, 1080, {0, 0, 1}, 0.5, {960, 540}},
+        {"half a viewport counts as none", 1920, 1080, {800, 0, 1}, 1, {1920, 1080}},
+        {"upright phone", 2560, 1600, {1170, 2532, 3}, 1, {1170, 730}},
+        {"lying phone", 2560, 1600, {2532, 1170, 3}, 1, {1872, 1170}},
+        {"phone larger than the display", 1280, 720, {4000, 4000, 3}, 1, {1280, 720}},
+        {"odd display", 1365, 767, {0, 0, 1}, 1, {1364, 766}},
+        {"tiny scale, whatever the aspect", 1920, 1080, {1920, 1080, 1}, 0.01, {320, 200}},
+        {"narrow display", 200, 2000, {0, 0, 1}, 1, {320, 2000}},
+        {"viewport of one pixel", 1920, 1080, {1, 1, 1}, 1, {320, 200}},
+        {"largest viewport there is", 1920, 1080, {0xFFFFFFFF, 0xFFFFFFFF, 1}, 1, {1920, 1080}},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(captureSize(row.displayWidth, row.displayHeight, row.viewport, row.scale), row.expected)
+            << row.what;
+}
+
+struct ScreenStreamerTest : testing::Test {
+    ScreenStreamerTest()
+    {
+        Log::observe([this](LogLevel, std::string_view category, std::string_view text) {
+            if (category == "capture") lines.emplace_back(text);
+        });
+        make({.displayID = 7, .viewport = {960, 2000, 3}});
+    }
+    ~ScreenStreamerTest() override
+    {
+        streamer.reset();
+        queues.runReady();
+        Log::observe(nullptr);
+    }
+
+    void make(ScreenStreamer::Settings settings)
+    {
+        streamer = std::make_unique<ScreenStreamer>(capture, compression, queue, settings);
+        streamer->onFormat = [this](VideoCodec, std::vector<Bytes>) { ++formats; };
+        streamer->onFrame = [this](EncodedFrame frame) { frames.push_back(std::move(frame)); };
+        streamer->onDisplayInfo = [this](message::DisplayInfo info) { infos.push_back(info); };
+        streamer->onError = [this](std::string reason) { errors.push_back(std::move(reason)); };
+    }
+    void beginStart()
+    {
+        streamer->start([this](Result<void, ScreenStreamerError> result) { started = std::move(result); });
+        queues.runReady();
+    }
+    void startAndFeed()
+    {
+        beginStart();
+        ASSERT_TRUE(started && *started);
+        capture.stream->feed();
+        queues.runReady();
+        ASSERT_EQ(frames.size(), 1U);
+    }
+    template <class Action>
+    void act(Action action)
+    {
+        action();
+        queues.runReady();
+    }
+    const FakeCompression::Encode& lastEncode() { return compression.lastSession().encodes.back(); }
+
+    ManualQueues queues;
+    QueueRef queue = queues.makeQueue("capture");
+    FakeDisplayCapture capture;
+    FakeCompression compression;
+    std::unique_ptr<ScreenStreamer> streamer;
+    std::optional<Result<void, ScreenStreamerError>> started;
+    int formats = 0;
+    std::vector<EncodedFrame> frames;
+    std::vector<message::DisplayInfo> infos;
+    std::vector<std::string> errors;
+    std::vector<std::string> lines;
+};
+
+TEST_F(ScreenStreamerTest, startsAtTheFittedSizeAndEncodesWhatComes)
+{
+    startAndFeed();
+    EXPECT_EQ(capture.stream->configuration, (CaptureConfiguration{960, 540, 60, true}));
+    EXPECT_THAT(infos, ElementsAre(message::DisplayInfo{960, 540, 1920, 1080}));
+    EXPECT_THAT(
+        lines, Contains("capture 960x540 from display 7 1920x1080 for viewport 960x2000 at scale 1.000000"));
+    EXPECT_EQ(compression.requests.front().widthPx, 960);
+    EXPECT_TRUE(frames[0].isKeyframe);
+    EXPECT_EQ(formats, 1);
+
+    queues.advance(20ms);
+    act([&] { capture.stream->feed(); });
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_FALSE(frames[1].isKeyframe);
+    EXPECT_EQ(frames[1].ptsMicros - frames[0].ptsMicros, 20'000U);
+}
+
+TEST_F(ScreenStreamerTest, countsADisplayWithoutModeAsTwoPixelsAPoint)
+{
+    capture.displays[0] = {.id = 7, .name = "modeless", .bounds = {0, 0, 800, 500}};
+    make({.displayID = 7, .viewport = {}});
+    beginStart();
+    EXPECT_THAT(infos, ElementsAre(message::DisplayInfo{1600, 1000, 800, 500}));
+}
+
+TEST_F(ScreenStreamerTest, looksADisplayUpTwentyFiveTimes)
+{
+    capture.displaysFromLookup = 25;
+    beginStart();
+    queues.advance(24 * 200ms - 1ms);
+    EXPECT_FALSE(started);
+    queues.advance(1ms);
+    ASSERT_TRUE(started);
+    EXPECT_TRUE(*started);
+    EXPECT_EQ(capture.lookups, 25);
+    EXPECT_THAT(lines, Contains("display 7 not shareable yet (attempt 24)"));
+}
+
+TEST_F(ScreenStreamerTest, givesUpOnADisplayListedAtTheTwentySixth)
+{
+    capture.displaysFromLookup = 26;
+    beginStart();
+    queues.advance(60s);
+    ASSERT_TRUE(started);
+    EXPECT_EQ(started->error().kind, ScreenStreamerError::Kind::noDisplay);
+    EXPECT_EQ(capture.lookups, 25);
+    EXPECT_EQ(capture.streamsMade, 0);
+}
+
+TEST_F(ScreenStreamerTest, looksForItsOwnDisplayAmongOthers)
+{
+    make({.displayID = 8, .viewport = {}});
+    beginStart();
+    capture.displays.push_back(
+        {.id = 8, .name = "late", .modeWidthPx = 640, .modeHeightPx = 480, .bounds = {1920, 0, 640, 480}});
+    queues.advance(200ms);
+    EXPECT_TRUE(started && *started);
+    EXPECT_EQ(capture.stream->displayID, 8U);
+}
+
+TEST_F(ScreenStreamerTest, passesThePlatformsRefusalOn)
+{
+    for (auto* failure : {&capture.makeFailure, &capture.startFailure}) {
+        *failure = PlatformError{"no MIT-SHM"};
+        make({.displayID = 7, .viewport = {}});
+        beginStart();
+        ASSERT_TRUE(started);
+        EXPECT_EQ(started->error().kind, ScreenStreamerError::Kind::platform);
+        EXPECT_EQ(started->error().description, "no MIT-SHM");
+        EXPECT_EQ(capture.stream, nullptr);
+        EXPECT_TRUE(infos.empty());
+        failure->reset();
+    }
+}
+
+TEST_F(ScreenStreamerTest, rebuildsTheConfigurationOnlyForWhatIsNew)
+{
+    startAndFeed();
+    act([&] { streamer->update(Viewport{960, 2000, 3}); });
+    act([&] { streamer->update(1.0); });
+    EXPECT_TRUE(capture.stream->updates.empty());
+
+    act([&] { streamer->update(Viewport{960, 2000, 2}); }); // each of the three members counts
+    act([&] { streamer->update(Viewport{1280, 2000, 2}); });
+    act([&] { streamer->update(0.75); });
+    act([&] { streamer->update(0.75); });
+    act([&] { streamer->rebuildConfiguration(); });
+    EXPECT_THAT(capture.stream->updates,
+        ElementsAre(CaptureConfiguration{960, 540, 60, true}, CaptureConfiguration{1280, 720, 60, true},
+            CaptureConfiguration{960, 540, 60, true}, CaptureConfiguration{960, 540, 60, true}));
+    EXPECT_EQ(infos.size(), 1 + capture.stream->updates.size());
+}
+
+TEST_F(ScreenStreamerTest, keepsTheOldConfigurationWhenAnUpdateFails)
+{
+    startAndFeed();
+    capture.updateFailure = PlatformError{"not now"};
+    act([&] { streamer->update(0.5); });
+    EXPECT_THAT(lines, Contains("updateConfiguration failed: not now"));
+    EXPECT_EQ(infos.size(), 1U);
+    act([&] { capture.stream->feed(); });
+    EXPECT_EQ(frames.size(), 2U);
+    EXPECT_TRUE(errors.empty());
+}
+
+TEST_F(ScreenStreamerTest, takesUpdatesMadeWhileTheDisplayIsLookedUp)
+{
+    capture.displaysFromLookup = 3;
+    beginStart();
+    act([&] { streamer->update(0.5); });
+    queues.advance(1s);
+    EXPECT_EQ(capture.stream->configuration.widthPx, 480);
+    EXPECT_TRUE(capture.stream->updates.empty());
+}
+
+TEST_F(ScreenStreamerTest, encodesTheLastPictureAgainForAKeyframe)
+{
+    beginStart();
+    act([&] { streamer->requestKeyframe(); });
+    act([&] { streamer->repeatLastFrame(); });
+    EXPECT_TRUE(frames.empty()); // there is no picture yet
+
+    act([&] { capture.stream->feed(); });
+    queues.advance(50ms);
+    act([&] { streamer->requestKeyframe(); });
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_TRUE(frames[1].isKeyframe);
+    EXPECT_EQ(frames[1].ptsMicros - frames[0].ptsMicros, 50'000U);
+    EXPECT_EQ(lastEncode().sequence, 1U);
+
+    queues.advance(50ms);
+    act([&] { streamer->repeatLastFrame(); });
+    ASSERT_EQ(frames.size(), 3U);
+    EXPECT_FALSE(frames[2].isKeyframe);
+    EXPECT_EQ(lastEncode().sequence, 1U);
+}
+
+TEST_F(ScreenStreamerTest, neverLetsTimeRunBackwards)
+{
+    startAndFeed();
+    const auto early = queues.now();
+    queues.advance(10ms);
+    act([&] { streamer->repeatLastFrame(); });
+    auto waited = capture.stream; // a change older than the repeat, which had to wait for its turn
+    CaptureSample sample{FrameStatus::complete,
+        std::make_shared<PixelBuffer>(
+            PixelBuffer{.widthPx = 960, .heightPx = 540, .sequence = 2, .damage = {}, .times = {}}),
+        early + 5ms};
+    act([&] { waited->report(sample); });
+    ASSERT_EQ(frames.size(), 3U);
+    EXPECT_GT(frames[2].ptsMicros, frames[1].ptsMicros);
+}
+
+TEST_F(ScreenStreamerTest, dropsWhatIsNoCompletePicture)
+{
+    beginStart();
+    const auto picture = std::make_shared<PixelBuffer>();
+    picture->widthPx = picture->heightPx = 64;
+    for (const auto status : {FrameStatus::idle, FrameStatus::blank, FrameStatus::suspended,
+             FrameStatus::started, FrameStatus::stopped})
+        act([&] { capture.stream->report({status, picture, queues.now()}); });
+    act([&] { capture.stream->report({FrameStatus::complete, nullptr, queues.now()}); });
+    act([&] { streamer->repeatLastFrame(); });
+    EXPECT_TRUE(compression.requests.empty());
+}
+
+TEST_F(ScreenStreamerTest, encodesStillsLikeAnyPicture)
+{
+    startAndFeed();
+    act([&] { streamer->captureStill(); });
+    EXPECT_EQ(capture.stream->stills, 1);
+    EXPECT_EQ(lastEncode().sequence, 2U);
+    act([&] { streamer->repeatLastFrame(); });
+    EXPECT_EQ(lastEncode().sequence, 2U);
+
+    capture.stillFailure = PlatformError{"dark"};
+    act([&] { streamer->captureStill(); });
+    EXPECT_THAT(lines, Contains("still capture failed: dark"));
+    EXPECT_EQ(frames.size(), 3U);
+}
+
+TEST_F(ScreenStreamerTest, followsAModeThatIsSwitched)
+{
+    startAndFeed();
+    act([&] {
+        capture.stream->changeGeometry({.id = 7,
+            .name = "fake",
+            .modeWidthPx = 1280,
+            .modeHeightPx = 1024,
+            .bounds = {0, 0, 1280, 1024},
+            .isMain = true});
+    });
+    EXPECT_THAT(capture.stream->updates, ElementsAre(CaptureConfiguration{960, 768, 60, true}));
+    EXPECT_EQ(infos.back(), (message::DisplayInfo{960, 768, 1280, 1024}));
+}
+
+TEST_F(ScreenStreamerTest, reportsACaptureThatStopsByItself)
+{
+    startAndFeed();
+    act([&] { capture.stream->stopByItself("display unplugged"); });
+    EXPECT_THAT(lines, Contains("capture stopped: display unplugged"));
+    EXPECT_THAT(errors, ElementsAre("display unplugged"));
+}
+
+TEST_F(ScreenStreamerTest, doesNothingOnceStopped)
+{
+    startAndFeed();
+    capture.stream->feed(); // under way on the capture queue
+    capture.stream->stopByItself("too late");
+    streamer->requestKeyframe();
+    streamer->stop();
+    streamer->stop();
+    queues.runReady();
+    EXPECT_EQ(capture.stream, nullptr);
+    EXPECT_TRUE(compression.lastSession().isDestroyed);
+
+    streamer->update(0.5);
+    streamer->update(Viewport{100, 100, 1});
+    streamer->rebuildConfiguration();
+    streamer->setBitrate(1);
+    streamer->requestKeyframe();
+    streamer->repeatLastFrame();
+    streamer->captureStill();
+    queues.advance(10s);
+    EXPECT_EQ(frames.size(), 1U);
+    EXPECT_TRUE(errors.empty());
+}
+
+TEST_F(ScreenStreamerTest, mayGoAtAnyMoment)
+{
+    capture.displaysFromLookup = 3;
+    beginStart();
+    streamer.reset(); // while looking up
+    queues.advance(10s);
+    EXPECT_FALSE(started);
+    EXPECT_EQ(capture.streamsMade, 0);
+
+    capture.displaysFromLookup = 0;
+    make({.displayID = 7, .viewport = {}});
+    streamer->onFrame = [this](EncodedFrame) { streamer.reset(); }; // from within a callback
+    beginStart();
+    act([&] { capture.stream->feed(); });
+    EXPECT_EQ(capture.stream, nullptr);
+}
+
+TEST_F(ScreenStreamerTest, lowersTheRateOfARunningEncoder)
+{
+    startAndFeed();
+    streamer->setBitrate(3'000'000);
+    EXPECT_EQ(
+        compression.lastSession().last<compressionProperty::AverageBitRate>()->bitsPerSecond, 3'000'000);
+}
+
+} // namespace
+} // namespace pelorin
