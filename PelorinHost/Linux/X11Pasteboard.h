@@ -1,0 +1,53 @@
+#pragma once
+
+#include "PelorinHost/Linux/X11Connection.h"
+#include "PelorinHost/Platform/Pasteboard.h"
+#include "PelorinNet/Log.h"
+#include "PelorinNet/Queue/SerialQueue.h"
+
+#include <array>
+#include <map>
+#include <optional>
+
+namespace pelorin {
+
+// The CLIPBOARD selection (ICCCM 2): we own it with our text until somebody else takes it, and hand the text
+// to each application that asks, in pieces (INCR) when it is larger than one request may be. Connects when
+// first used. Queue: the session's. Owned by the HostSession.
+class X11Pasteboard final : public Pasteboard {
+public:
+    X11Pasteboard(QueueRef newQueue, std::string newDisplay);
+    ~X11Pasteboard() override;
+
+    bool setText(const std::string& newText) override;
+
+private:
+    struct Owner; // one connection with its window
+
+    // One application being given a large text; it deletes the property when it has read a piece.
+    struct Transfer {
+        xcb_atom_t type = XCB_ATOM_NONE;
+        std::string text;
+        std::size_t sent = 0;
+    };
+    using TransferKey = std::pair<xcb_window_t, xcb_atom_t>; // requestor, property
+
+    bool connect();
+    void readEvents();
+    void handle(const xcb_generic_event_t& event);
+    void answer(const xcb_selection_request_event_t& request);
+    bool convert(xcb_window_t requestor, xcb_atom_t target, xcb_atom_t property);
+    void deliver(xcb_window_t requestor, xcb_atom_t property, xcb_atom_t type);
+    void sendPiece(const TransferKey& key);
+
+    const QueueRef queue;
+    const std::string display;
+    const Log log{"clipboard"};
+    std::unique_ptr<Owner> owner;
+    std::string text;
+    std::optional<xcb_timestamp_t> ownedSince; // while the selection is ours
+    std::map<TransferKey, Transfer> transfers;
+    Subscription readable; // after the owner, whose descriptor it watches
+};
+
+} // namespace pelorin
