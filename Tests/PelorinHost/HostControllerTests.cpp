@@ -1,0 +1,218 @@
+#include "PelorinHost/HostController.h"
+#include "PelorinHost/Shell/StatusReport.h"
+#include "PelorinNet/Channel/LoopbackPair.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Fakes/FakeHostPlatform.h"
+#include "Tests/Fakes/FakePhone.h"
+#include "Tests/Lab/Programs.h"
+
+#include <cerrno>
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+struct QuietListener final : TcpListener {
+    std::uint16_t port() const override { return 7420; }
+};
+
+// The controller on hand-driven queues, its control socket a real one.
+struct ControllerTest : testing::Test {
+    ManualQueues queues;
+    fakes::FakeHostPlatform platform;
+    lab::TemporaryFolder folder;
+    HostController::Places places{folder.path() / "support", folder.path() / "log"};
+    TcpListener* listener = nullptr;
+    bool hasQuit = false;
+    std::unique_ptr<HostController> controller;
+
+    std::unique_ptr<HostController> make()
+    {
+        const auto listen = [this](QueueRef, const std::string&,
+                                std::uint16_t) -> Result<std::unique_ptr<TcpListener>, NetError> {
+            auto made = std::make_unique<QuietListener>();
+            listener = made.get();
+            return made;
+        };
+        auto made = std::make_unique<HostController>(
+            SessionSurroundings{platform, queues, std::nullopt}, listen, places, queues.makeQueue("main"));
+        made->onQuit = [this] { hasQuit = true; };
+        return made;
+    }
+
+    void begin()
+    {
+        lab::write(places.supportDirectory / "host.json", R"({"allowLoopbackForTesting": true})");
+        controller = make();
+        ASSERT_TRUE(controller->start());
+        queues.runReady();
+    }
+
+    std::unique_ptr<fakes::FakePhone> connect()
+    {
+        auto pair = LoopbackPair::make({});
+        auto phone = std::make_unique<fakes::FakePhone>(std::move(pair.second), queues.makeQueue("phone"));
+        listener->onConnection(std::move(pair.first));
+        phone->send(message::Hello{5, "my\n \"phone\"", {}, {}, {}});
+        queues.runReady();
+        return phone;
+    }
+
+    OwnedDescriptor client()
+    {
+        auto socket = connectLocally(places.supportDirectory / "control.sock");
+        EXPECT_TRUE(socket) << socket.error();
+        return socket ? std::move(*socket) : OwnedDescriptor();
+    }
+
+    void write(const OwnedDescriptor& socket, const std::string& text)
+    {
+        ::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        queues.runReady();
+    }
+
+    static constexpr const char* open = "(still open)";
+    static std::string readAll(const OwnedDescriptor& socket)
+    {
+        std::string text;
+        char chunk[4096];
+        ssize_t count = 0;
+        while ((count = ::recv(socket.get(), chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+            text.append(chunk, static_cast<std::size_t>(count));
+        return count < 0 && errno == EAGAIN ? text + open : text;
+    }
+
+    std::string ask(const std::string& request)
+    {
+        const auto socket = client();
+        write(socket, request);
+        return readAll(socket);
+    }
+};
+
+TEST_F(ControllerTest, answersStatusForProgramsAndForPeople)
+{
+    begin();
+    const auto before = nlohmann::json::parse(ask("{\"command\":\"status\"}\n"));
+    EXPECT_EQ(before["listening"], "127.0.0.1:7420");
+    EXPECT_EQ(before["allowedLogins"], nlohmann::json::array());
+    EXPECT_TRUE(before["session"].is_null() && before["rendezvous"].is_null());
+    EXPECT_EQ(before["pairing"]["required"], false);
+
+    const auto phone = connect();
+    queues.advance(1s);
+    const std::string text = ask("{\"command\":\"status\"}\n");
+    const auto session = nlohmann::json::parse(text)["session"];
+    EXPECT_EQ(session["client"], "my  \"phone\"");
+    for (const char* member : {"peer", "path", "fps", "mbps", "drops", "stages"})
+        EXPECT_TRUE(session.contains(member)) << member;
+    for (const char* stage : {"captureMs", "convertMs", "encodeMs", "sendMs"})
+        EXPECT_TRUE(session["stages"][stage].is_number()) << stage;
+    EXPECT_THAT(readableStatus(text).value(), HasSubstr("session with 本机（测试模式）"));
+    EXPECT_FALSE(readableStatus("{\"error\": \"x\"}"));
+}
+
+TEST_F(ControllerTest, writesTheConnectionLogForItsOwnerAlone)
+{
+    begin();
+    const auto phone = connect();
+    EXPECT_EQ(ask("{\"command\":\"disconnect\"}\n"), "{\"disconnected\":true}\n");
+    EXPECT_EQ(ask("{\"command\":\"disconnect\"}\n"), "{\"disconnected\":false}\n");
+    EXPECT_EQ(phone->last<message::Error>().message, "已在 Mac 上断开");
+    const auto file = places.logDirectory / "connections.log";
+    EXPECT_THAT(lab::contentOf(file), HasSubstr(" session started: 本机（测试模式）\n"));
+    EXPECT_THAT(lab::contentOf(file), HasSubstr("disconnected on the Mac\n"));
+    struct stat status = {};
+    ASSERT_EQ(::stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+
+    ConnectionLog(places.logDirectory).append("rejected evil\nsession started: me", WallTime());
+    EXPECT_THAT(lab::contentOf(file), HasSubstr(" rejected evil session started: me\n"));
+}
+
+TEST_F(ControllerTest, bearsHostileRequests)
+{
+    begin();
+    const struct {
+        std::string request;
+        std::string reply;
+    } rows[] = {
+        {"\n", "{\"error\":\"unknown command\"}\n"}, {"status\n", "{\"error\":\"unknown command\"}\n"},
+        {"{\"command\":7}\n", "{\"error\":\"unknown command\"}\n"},
+        {"{\"command\":\"\xFF\"}\n", "{\"error\":\"unknown command\"}\n"},
+        {"[\"command\"]\n", "{\"error\":\"unknown command\"}\n"},
+        {std::string(4000, '[') + "\n", "{\"error\":\"unknown command\"}\n"},
+        {std::string("{\"command\":\"disconnect\"}\n{\"command\":\"quit\"}\n"), "{\"disconnected\":false}\n"},
+        {"{\"command\":\"status\"", open}, // without an end
+    };
+    for (const auto& [request, reply] : rows) EXPECT_EQ(ask(request), reply) << request.substr(0, 40);
+    EXPECT_EQ(ask(std::string(100'000, 'x')), "") << "hung up on";
+    EXPECT_FALSE(hasQuit) << "one request a connection";
+
+    std::vector<OwnedDescriptor> idle;
+    for (int i = 0; i < 100; ++i) {
+        idle.push_back(client());
+        queues.runReady();
+    }
+    EXPECT_EQ(readAll(idle.front()), open);
+    EXPECT_EQ(readAll(idle.back()), "") << "too many at once";
+    queues.advance(5s);
+    EXPECT_EQ(readAll(idle.front()), "") << "too long without a request";
+    EXPECT_THAT(ask("{\"command\":\"status\"}\n"), HasSubstr("listening"));
+}
+
+TEST_F(ControllerTest, keepsASecondHostOutButNotTheNextOne)
+{
+    begin();
+    lab::write(places.supportDirectory / "host.json", "broken");
+    const auto refused = make()->start();
+    ASSERT_FALSE(refused);
+    EXPECT_THAT(refused.error(), HasSubstr("another host runs"));
+    EXPECT_EQ(lab::contentOf(places.supportDirectory / "host.json"), "broken") << "not the loser's business";
+    EXPECT_THAT(ask("{\"command\":\"status\"}\n"), HasSubstr("listening")) << "the first one is unharmed";
+
+    controller.reset();
+    const auto file = places.supportDirectory / "control.sock";
+    EXPECT_FALSE(std::filesystem::exists(file));
+    auto dead = listenLocally(file); // what a host that crashed leaves behind
+    ASSERT_TRUE(dead);
+    *dead = {};
+    begin();
+    EXPECT_THAT(ask("{\"command\":\"status\"}\n"), HasSubstr("listening"));
+    struct stat status = {};
+    ASSERT_EQ(::stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+TEST_F(ControllerTest, quitsInOrder)
+{
+    begin();
+    const auto phone = connect();
+    EXPECT_EQ(ask("{\"command\":\"quit\"}\n"), "{\"quitting\":true}\n");
+    EXPECT_EQ(phone->last<message::Error>().message, "已在 Mac 上断开");
+    EXPECT_FALSE(hasQuit) << "the phone gets a moment to hear it";
+    queues.advance(1s);
+    EXPECT_TRUE(hasQuit);
+    EXPECT_FALSE(std::filesystem::exists(places.supportDirectory / "control.sock"));
+}
+
+TEST_F(ControllerTest, saysWhatIsWrongWithItsDirectory)
+{
+    lab::write(folder.path() / "file", "");
+    places.supportDirectory = folder.path() / "file" / "below";
+    EXPECT_FALSE(make()->start());
+    places.supportDirectory = folder.path() / std::string(150, 'x');
+    const auto tooLong = make()->start();
+    ASSERT_FALSE(tooLong);
+    EXPECT_THAT(tooLong.error(), HasSubstr("too long"));
+}
+
+} // namespace
+} // namespace pelorin

@@ -1,0 +1,286 @@
+#include "PelorinHost/HostServer.h"
+#include "PelorinHost/Session/LockRule.h"
+#include "PelorinNet/Channel/LoopbackPair.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Fakes/FakeHostPlatform.h"
+#include "Tests/Fakes/FakePhone.h"
+
+#include <deque>
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using fakes::FakeHostPlatform;
+using fakes::FakePhone;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct FakeListener final : TcpListener {
+    explicit FakeListener(int& newCount) : count(newCount) { ++count; }
+    ~FakeListener() override { --count; }
+    FakeListener(const FakeListener&) = delete;
+    FakeListener& operator=(const FakeListener&) = delete;
+    std::uint16_t port() const override { return 7420; }
+    int& count;
+};
+
+std::string describe(const ServerEvent& event)
+{
+    using namespace serverEvent;
+    if (const auto* e = std::get_if<Listening>(&event)) return "listening " + e->address.value_or("nowhere");
+    if (const auto* e = std::get_if<SessionStarted>(&event)) return "started " + e->label;
+    if (const auto* e = std::get_if<SessionEnded>(&event)) return "ended " + e->reason.value_or("");
+    if (const auto* e = std::get_if<Rejected>(&event)) return "rejected " + e->text;
+    if (const auto* e = std::get_if<Stats>(&event)) return "stats " + e->line;
+    return "other";
+}
+
+struct ServerTest : testing::Test {
+    ManualQueues queues;
+    FakeHostPlatform platform;
+    HostConfig config;
+    std::deque<std::optional<NetError>> listenResults; // success once it is empty
+    std::vector<std::string> listenCalls;
+    int listenersAlive = 0;
+    FakeListener* listener = nullptr;
+    std::vector<std::string> events;
+    std::vector<std::string> connectionLog;
+    int locks = 0;
+    std::unique_ptr<HostServer> server;
+
+    void begin(bool isTestMode = true)
+    {
+        config.allowLoopbackForTesting = isTestMode;
+        const auto listen = [this](QueueRef, const std::string& address,
+                                std::uint16_t port) -> Result<std::unique_ptr<TcpListener>, NetError> {
+            listenCalls.push_back(fmt::format("{}:{}", address, port));
+            if (!listenResults.empty()) {
+                const auto result = listenResults.front();
+                listenResults.pop_front();
+                if (result) return std::unexpected(*result);
+            }
+            auto made = std::make_unique<FakeListener>(listenersAlive);
+            listener = made.get();
+            return made;
+        };
+        server = std::make_unique<HostServer>(SessionSurroundings{platform, queues, std::nullopt}, config,
+            listen, queues.makeQueue("dev.pelorin.host.server"));
+        server->onEvent = [this](const ServerEvent& event) { events.push_back(describe(event)); };
+        server->onConnectionLog = [this](const std::string& line) { connectionLog.push_back(line); };
+        server->onLockWanted = [this] { ++locks; };
+        server->start();
+    }
+
+    std::unique_ptr<FakePhone> connect(std::string address = "127.0.0.1")
+    {
+        auto pair = LoopbackPair::make({.remoteAddress = std::move(address)});
+        auto phone = std::make_unique<FakePhone>(std::move(pair.second), queues.makeQueue("phone"));
+        server->accept(std::move(pair.first));
+        queues.runReady();
+        return phone;
+    }
+
+    std::unique_ptr<FakePhone> connectWithHello(SessionOptions options = {})
+    {
+        auto phone = connect();
+        phone->hello();
+        phone->send(message::SetOptions{options});
+        queues.runReady();
+        return phone;
+    }
+};
+
+TEST_F(ServerTest, listensAgainWhenThePortWasTakenOrTheListenerFailed)
+{
+    listenResults = {NetError{"Address already in use"}, NetError{"Address already in use"}, {}};
+    std::vector<std::string> log;
+    Log::observe([&](LogLevel, std::string_view, std::string_view text) { log.emplace_back(text); });
+    begin();
+    EXPECT_THAT(log, testing::Contains("listen on 127.0.0.1 failed: Address already in use"));
+    queues.advance(9s);
+    EXPECT_TRUE(events.empty());
+    queues.advance(1s);
+    queues.advance(60s); // stays as it is
+    EXPECT_THAT(events, ElementsAre("listening 127.0.0.1"));
+    EXPECT_EQ(server->status().listening, "127.0.0.1:7420");
+
+    listener->onFailure(NetError{"the interface went away"});
+    EXPECT_THAT(log, testing::Contains("listener failed: the interface went away"));
+    EXPECT_EQ(server->status().listening, std::nullopt);
+    queues.advance(5s);
+    EXPECT_THAT(events, ElementsAre("listening 127.0.0.1", "listening nowhere", "listening 127.0.0.1"));
+    EXPECT_EQ(listenersAlive, 1);
+    EXPECT_EQ(listenCalls.size(), 4u);
+    Log::observe({});
+}
+
+TEST_F(ServerTest, waitsForTheTailnetOutsideOfTestMode)
+{
+    begin(false);
+    queues.advance(60s);
+    EXPECT_TRUE(listenCalls.empty());
+    EXPECT_THAT(events, ElementsAre("listening nowhere"));
+    EXPECT_THAT(connectionLog, ElementsAre("no Tailscale address; waiting for Tailscale"));
+}
+
+TEST_F(ServerTest, admitsByAddressAndTellsTheRefusedWhy)
+{
+    const struct {
+        bool isTestMode;
+        std::string address;
+        std::string refusal; // empty: admitted
+    } rows[] = {
+        {true, "127.0.0.1", ""},
+        {true, "127.1.2.3", ""},
+        {true, "::1", ""},
+        {true, "192.168.1.2", "测试模式只接受本机连接"},
+        {true, "::2", "测试模式只接受本机连接"},
+        {true, "1127.0.0.1", "测试模式只接受本机连接"},
+        {false, "127.0.0.1", "不是 Tailscale 地址"},
+        {false, "8.8.8.8", "不是 Tailscale 地址"},
+    };
+    for (const auto& [isTestMode, address, refusal] : rows) {
+        begin(isTestMode);
+        events.clear();
+        connectionLog.clear();
+        const auto phone = connect(address);
+        EXPECT_EQ(phone->isClosed, !refusal.empty()) << address;
+        if (refusal.empty()) {
+            EXPECT_EQ(server->status().waitingForHello, 1u) << address;
+            continue;
+        }
+        EXPECT_EQ(phone->last<message::Error>(), (message::Error{ErrorCode::unauthorized, refusal}));
+        EXPECT_THAT(events, ElementsAre("rejected " + address + "：" + refusal));
+        EXPECT_THAT(connectionLog, ElementsAre("rejected " + address + ": " + refusal));
+    }
+}
+
+TEST_F(ServerTest, letsTheNewestHelloTakeOver)
+{
+    begin();
+    const auto first = connectWithHello();
+    const auto second = connect();
+    EXPECT_FALSE(first->isClosed) << "a connection alone takes nothing over";
+    events.clear();
+    connectionLog.clear();
+    second->hello();
+    queues.runReady();
+    EXPECT_EQ(first->last<message::Error>(), (message::Error{ErrorCode::replaced, "另一台设备已连接"}));
+    EXPECT_TRUE(first->isClosed);
+    EXPECT_THAT(events, ElementsAre("ended replaced by a new session", "started 本机（测试模式）"));
+    EXPECT_THAT(connectionLog,
+        ElementsAre(AllOf(StartsWith("session ended after "), HasSubstr("replaced by a new session")),
+            "session started: 本机（测试模式）"));
+    EXPECT_FALSE(second->isClosed);
+
+    queues.advance(1s);
+    EXPECT_THAT(events.back(), StartsWith("stats fake · 0 fps · "));
+    EXPECT_EQ(server->status().session->clientName, "phone");
+    second->send(message::Bye{});
+    queues.runReady();
+    EXPECT_EQ(events.back(), "ended client ended the session");
+    EXPECT_FALSE(server->status().session);
+}
+
+TEST_F(ServerTest, boundsWhoNeverSaysHello)
+{
+    begin();
+    const auto active = connectWithHello();
+    std::vector<std::unique_ptr<FakePhone>> silent;
+    for (int i = 0; i < 40; ++i) silent.push_back(connect());
+    EXPECT_EQ(server->status().waitingForHello, 32u);
+    for (std::size_t i = 0; i < silent.size(); ++i) EXPECT_EQ(silent[i]->isClosed, i < 8) << i;
+    EXPECT_THAT(connectionLog,
+        testing::Contains("closed before hello: 本机（测试模式）: too many connections waiting for hello"));
+
+    silent.back()->hello();
+    queues.runReady();
+    EXPECT_EQ(events.back(), "started 本机（测试模式）");
+    EXPECT_TRUE(active->isClosed);
+
+    for (int i = 0; i < 11; ++i) {
+        silent.back()->send(message::Ping{});
+        queues.advance(1s);
+    }
+    EXPECT_EQ(server->status().waitingForHello, 0u);
+    EXPECT_TRUE(silent[20]->isClosed);
+    EXPECT_FALSE(silent.back()->isClosed) << "who said hello is not waited for any more";
+    EXPECT_EQ(connectionLog.back(), "closed before hello: 本机（测试模式）: no hello in time");
+}
+
+TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
+{
+    const SessionOptions wish = sessionOption::lockAtEnd;
+    const struct {
+        EndKind kind;
+        LockRule rule;
+    } rows[] = {
+        {EndKind::dropped, LockRule::afterGrace},
+        {EndKind::userEnded, LockRule::atOnce},
+        {EndKind::idle, LockRule::atOnce},
+        {EndKind::failed, LockRule::atOnce},
+        {EndKind::replaced, LockRule::never},
+        {EndKind::endedOnMac, LockRule::never},
+        {EndKind::paired, LockRule::never},
+    };
+    for (const auto& [kind, rule] : rows) {
+        EXPECT_EQ(lockRuleFor(kind, wish), rule) << nameOf(kind);
+        EXPECT_EQ(lockRuleFor(kind, sessionOption::clipboardSharing), LockRule::never) << nameOf(kind);
+    }
+
+    begin();
+    connectWithHello(wish); // and drops out
+    queues.advance(9s);
+    const auto back = connectWithHello(wish);
+    queues.advance(4s);
+    EXPECT_EQ(locks, 0) << "it came back in time";
+    back->send(message::Bye{});
+    queues.runReady();
+    EXPECT_EQ(locks, 1);
+    connectWithHello(wish);
+    queues.advance(11s);
+    EXPECT_EQ(locks, 2);
+}
+
+TEST_F(ServerTest, disconnectsAndStopsOnRequest)
+{
+    begin();
+    EXPECT_FALSE(server->disconnect());
+    const auto phone = connectWithHello();
+    EXPECT_TRUE(server->disconnect());
+    queues.runReady();
+    EXPECT_EQ(phone->last<message::Error>().message, "已在 Mac 上断开");
+    EXPECT_EQ(events.back(), "ended disconnected on the Mac");
+
+    const auto last = connectWithHello();
+    const auto waiting = connect();
+    EXPECT_TRUE(server->stop());
+    queues.runReady();
+    EXPECT_EQ(last->last<message::Error>().message, "已在 Mac 上断开");
+    EXPECT_TRUE(waiting->isClosed);
+    EXPECT_EQ(listenersAlive, 0);
+    queues.advance(60s);
+    EXPECT_EQ(listenersAlive, 0);
+}
+
+TEST_F(ServerTest, canBeDestroyedWithSessionsInEveryState)
+{
+    begin();
+    const auto active = connectWithHello();
+    platform.capture.stream->feed();
+    const auto waiting = connect();
+    active->send(message::Bye{});
+    waiting->hello();
+    server.reset();
+    queues.advance(20s);
+    EXPECT_TRUE(active->isClosed);
+    EXPECT_TRUE(waiting->isClosed);
+    EXPECT_EQ(platform.capture.stream, nullptr);
+    EXPECT_EQ(platform.powerPort.heldAssertions(), 0);
+}
+
+} // namespace
+} // namespace pelorin
