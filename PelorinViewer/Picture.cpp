@@ -57,11 +57,13 @@ double meanLuma(const DecodedPicture& picture, const PixelRect& rect)
 {
     const int right = std::min(rect.x + rect.width, picture.widthPx);
     const int bottom = std::min(rect.y + rect.height, picture.heightPx);
-    if (rect.x >= right || rect.y >= bottom) return 0;
+    const int left = std::max(rect.x, 0);
+    const int top = std::max(rect.y, 0);
+    if (left >= right || top >= bottom) return 0;
     double sum = 0;
-    for (int y = rect.y; y < bottom; ++y)
-        for (int x = rect.x; x < right; ++x) sum += picture.lumaAt(x, y);
-    return sum / (right - rect.x) / (bottom - rect.y);
+    for (int y = top; y < bottom; ++y)
+        for (int x = left; x < right; ++x) sum += picture.lumaAt(x, y);
+    return sum / (right - left) / (bottom - top);
 }
 
 Result<void, std::string> writePNG(const DecodedPicture& picture, const std::string& file)
