@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <fcntl.h>
 #include <thread>
 #include <unistd.h>
@@ -261,4 +262,108 @@ TYPED_TEST(AnyQueue, answersALifetimeWatchAfterAHopThroughAnotherQueue)
     });
     ASSERT_TRUE(this->waitUntil([&] { return dead == 1; }));
     EXPECT_EQ(alive, 1);
+}
+
+namespace {
+
+// A stateful object as there are many: a timer, work on another queue that answers, and an owner who may drop
+// it at any moment.
+class Worker {
+public:
+    Worker(QueueRef newOwn, QueueRef newOther, std::atomic<int>& newLive)
+        : own(std::move(newOwn)),
+          other(std::move(newOther)),
+          live(newLive)
+    {
+        ++live;
+        timer = own->every(50us, [this] { ask(); });
+    }
+    ~Worker()
+    {
+        own->assertCurrent();
+        --live;
+    }
+    int answers = 0;
+
+private:
+    void ask()
+    {
+        other->post([this, &queue = *own, alive = lifetime.watch()] {
+            queue.post([this, alive] {
+                if (alive) ++answers; // a stale one would count in freed memory
+            });
+        });
+    }
+    QueueRef own, other;
+    std::atomic<int>& live;
+    Subscription timer;
+    Lifetime lifetime;
+};
+
+} // namespace
+
+TEST(QueuePool, dropsObjectsWithTimersAndHopsInFlightAtAnyMoment)
+{
+    std::atomic<int> live = 0;
+    std::vector<std::unique_ptr<Worker>> workers(8);
+    {
+        PoolHarness harness;
+        const QueueRef own = harness.makeQueue("own"), other = harness.makeQueue("other");
+        for (std::size_t round = 0; round < 2000; ++round)
+            own->post([&, round] {
+                auto& worker = workers[round * 7 % workers.size()];
+                worker = std::make_unique<Worker>(own, other, live);
+            });
+        int answers = 0;
+        EXPECT_TRUE(harness.waitUntil(own, [&] {
+            answers = 0;
+            for (const auto& worker : workers) answers += worker ? worker->answers : 0;
+            return answers > 100;
+        }));
+        harness.runOn(own, [&] { workers.clear(); });
+    }
+    EXPECT_EQ(live, 0);
+}
+
+TEST(QueuePool, neverFiresATimerAfterItsCancellationHoweverCloseTheyRace)
+{
+    PoolHarness harness;
+    const QueueRef queue = harness.makeQueue(), clock = harness.makeQueue("clock");
+    struct Trial {
+        Subscription timer;
+        bool isCancelled = false;
+    };
+    std::vector<Trial> trials(3000);
+    int firedLate = 0, fired = 0, settled = 0;
+    for (std::size_t i = 0; i < trials.size(); ++i) {
+        Trial& trial = trials[i];
+        queue->post([&, delay = std::chrono::microseconds(i % 60)] {
+            trial.timer = queue->after(delay, [&] {
+                ++fired;
+                firedLate += trial.isCancelled;
+            });
+            clock->post([&] { // arrives about when the timer comes due
+                queue->post([&] {
+                    trial.timer.cancel();
+                    trial.isCancelled = true;
+                    ++settled;
+                });
+            });
+        });
+    }
+    ASSERT_TRUE(harness.waitUntil(queue, [&] { return settled == int(trials.size()); }));
+    harness.runOn(queue, [] {});
+    EXPECT_EQ(firedLate, 0);
+    EXPECT_LE(fired, int(trials.size()));
+}
+
+TEST(QueuePoolDeathTest, stopsTheProgramOnACallOffTheQueue)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            QueuePool pool(1);
+            pool.makeQueue("dev.pelorin.test")->assertCurrent();
+        },
+        "dev.pelorin.test");
 }
