@@ -65,6 +65,7 @@ Result<void, PlatformError> X11CaptureStream::updateConfiguration(
     const CaptureConfiguration& newConfiguration)
 {
     queue->assertCurrent();
+    if (isStopped) return std::unexpected(PlatformError{"the capture has stopped"});
     if (!isValid(newConfiguration)) return std::unexpected(PlatformError{"the capture size is not even"});
     configure(newConfiguration);
     queue->post([this, alive = lifetime.watch()] {
@@ -77,6 +78,7 @@ Result<CaptureSample, PlatformError> X11CaptureStream::captureStill(
     const CaptureConfiguration& newConfiguration)
 {
     queue->assertCurrent();
+    if (isStopped) return std::unexpected(PlatformError{"the capture has stopped"});
     if (!isValid(newConfiguration)) return std::unexpected(PlatformError{"the capture size is not even"});
     if (newConfiguration != configuration) configure(newConfiguration);
     isAllChanged = true;

@@ -84,8 +84,14 @@ void XDrawing::setCursorSquare(int side, std::uint32_t rgb)
 
 void XDrawing::finish()
 {
+    waitForServer(connection);
+}
+
+// The server sends out what a request made it tell others before it takes the request after it.
+void waitForServer(const X11Connection& connection)
+{
     auto* c = connection.get();
-    free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+    for (int i = 0; i < 2; ++i) free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
 }
 
 } // namespace pelorin::lab

@@ -7,7 +7,8 @@
 
 namespace pelorin::lab {
 
-// An application on an X server that fills rectangles of the screen, and moves the pointer.
+// An application on an X server that fills rectangles of the screen, and moves the pointer. Once a call
+// returns, the server has done it and sent out all events about it.
 class XDrawing {
 public:
     explicit XDrawing(const std::string& display);
@@ -18,11 +19,14 @@ public:
     void setCursorSquare(int side, std::uint32_t rgb); // of the root window: opaque, hot spot 0, 0
 
 private:
-    void finish(); // the server has done it
+    void finish();
 
     X11Connection connection;
     xcb_window_t canvas = 0; // covers the screen, over everything
     xcb_gcontext_t context = 0;
 };
+
+// Returns once the server has done all that was asked of it so far, by anybody, and sent out the events.
+void waitForServer(const X11Connection& connection);
 
 } // namespace pelorin::lab
