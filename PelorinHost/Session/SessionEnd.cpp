@@ -110,25 +110,4 @@ SessionEnd SessionEnd::onMac()
     return told(EndKind::endedOnMac, "disconnected on the Mac", ErrorCode::internalError, "已在 Mac 上断开");
 }
 
-std::string_view nameOf(EndKind kind)
-{
-    switch (kind) {
-    case EndKind::dropped:
-        return "dropped";
-    case EndKind::userEnded:
-        return "userEnded";
-    case EndKind::idle:
-        return "idle";
-    case EndKind::failed:
-        return "failed";
-    case EndKind::replaced:
-        return "replaced";
-    case EndKind::endedOnMac:
-        return "endedOnMac";
-    case EndKind::paired:
-        return "paired";
-    }
-    return "unknown";
-}
-
 } // namespace pelorin

@@ -35,7 +35,4 @@ struct SessionEnd {
     static SessionEnd onMac();
 };
 
-// "dropped", for logs.
-std::string_view nameOf(EndKind kind);
-
 } // namespace pelorin

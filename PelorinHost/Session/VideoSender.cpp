@@ -3,6 +3,13 @@
 #include "PelorinCore/Wire/FrameCodec.h"
 
 namespace pelorin {
+namespace {
+
+// What the wire can carry; no encoder gets near it, yet none may bring us down.
+constexpr std::size_t mostParameterSets = 255;
+constexpr std::size_t largestAccessUnit = maxPayloadSize - 1024; // the rest is for what stands around it
+
+} // namespace
 
 VideoSender::VideoSender(SessionOutlet& newOutlet, SessionStatistics& newStatistics, RateAdaptation& newRate,
     const SerialQueue& newClock, bool newStampsFrames)
@@ -16,16 +23,23 @@ VideoSender::VideoSender(SessionOutlet& newOutlet, SessionStatistics& newStatist
 
 void VideoSender::setFormat(VideoCodec codec, std::vector<Bytes> parameterSets)
 {
+    if (parameterSets.size() > mostParameterSets) parameterSets.resize(mostParameterSets);
     format = message::VideoFormat{codec, std::move(parameterSets)};
 }
 
 void VideoSender::send(EncodedFrame frame)
 {
+    if (frame.data.size() > largestAccessUnit) return dropped();
     const auto verdict = gate.admit(frame.isKeyframe);
     if (verdict == VideoGate::Verdict::send) return transmit(std::move(frame));
+    dropped();
+    requestIf(verdict == VideoGate::Verdict::dropAndRequestKeyframe);
+}
+
+void VideoSender::dropped()
+{
     statistics.dropped();
     rate.dropped();
-    requestIf(verdict == VideoGate::Verdict::dropAndRequestKeyframe);
 }
 
 void VideoSender::transmit(EncodedFrame frame)

@@ -22,6 +22,7 @@ public:
     void tick(); // once a second
 
 private:
+    void dropped();
     void transmit(EncodedFrame frame);
     void requestIf(bool isWanted);
 

@@ -227,8 +227,9 @@ TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
         {EndKind::paired, LockRule::never},
     };
     for (const auto& [kind, rule] : rows) {
-        EXPECT_EQ(lockRuleFor(kind, wish), rule) << nameOf(kind);
-        EXPECT_EQ(lockRuleFor(kind, sessionOption::clipboardSharing), LockRule::never) << nameOf(kind);
+        EXPECT_EQ(lockRuleFor(kind, wish), rule) << static_cast<int>(kind);
+        EXPECT_EQ(lockRuleFor(kind, sessionOption::clipboardSharing), LockRule::never)
+            << static_cast<int>(kind);
     }
 
     begin();
