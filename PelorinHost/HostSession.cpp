@@ -46,7 +46,7 @@ struct HostSession::Running {
           statistics(session.queue->now()),
           liveness(session.queue->now(), session.config.idleTimeoutMinutes * 60),
           displays(session.surroundings.platform.displayCapture(), session.surroundings.defaultDisplay),
-          video(session.outlet, statistics, rate, *session.queue,
+          video(session.outlet, statistics, rate, session.queue,
               capabilities.contains(clientCapability::readsFrameStamps)),
           input(session.surroundings.platform, session.queue),
           stream(session.surroundings.platform.displayCapture(), session.surroundings.platform.compression(),
@@ -255,6 +255,7 @@ void HostSession::startStreaming()
             = [this](message::CursorImage image) { outlet.sendLatest(std::move(image)); };
     }
     running->video.onKeyframeWanted = [this] { running->stream.running().requestKeyframe(); };
+    running->video.onRepeatWanted = [this] { running->stream.running().repeatLastFrame(); };
     running->stream.onFormat = [this](VideoCodec codec, std::vector<Bytes> sets) {
         running->video.setFormat(codec, std::move(sets));
     };

@@ -5,18 +5,22 @@
 namespace pelorin {
 namespace {
 
+using namespace std::chrono_literals;
+
 // What the wire can carry; no encoder gets near it, yet none may bring us down.
 constexpr std::size_t mostParameterSets = 255;
 constexpr std::size_t largestAccessUnit = maxPayloadSize - 1024; // the rest is for what stands around it
 
+constexpr auto busyPause = 40ms; // before a repeat is tried again that found the phone still taking frames
+
 } // namespace
 
 VideoSender::VideoSender(SessionOutlet& newOutlet, SessionStatistics& newStatistics, RateAdaptation& newRate,
-    const SerialQueue& newClock, bool newStampsFrames)
+    QueueRef newQueue, bool newStampsFrames)
     : outlet(newOutlet),
       statistics(newStatistics),
       rate(newRate),
-      clock(newClock),
+      queue(std::move(newQueue)),
       stampsFrames(newStampsFrames)
 {
 }
@@ -44,7 +48,7 @@ void VideoSender::dropped()
 
 void VideoSender::transmit(EncodedFrame frame)
 {
-    const FrameStamps stamps = stampsOf(frame, clock.now());
+    const FrameStamps stamps = stampsOf(frame, queue->now());
     Bytes stampsSEI;
     if (stampsFrames && format) stampsSEI = stamps.encodeSEI(format->codec);
     const std::size_t dataSize = stampsSEI.size() + frame.data.size();
@@ -60,6 +64,7 @@ void VideoSender::transmit(EncodedFrame frame)
     outlet.sendVideo(std::move(parts), [this, alive = lifetime.watch()] {
         if (alive) requestIf(gate.sent());
     });
+    repeatAfter(refinement.sent(dataSize));
 }
 
 void VideoSender::keyframeWanted()
@@ -70,6 +75,18 @@ void VideoSender::keyframeWanted()
 void VideoSender::tick()
 {
     requestIf(gate.tick());
+}
+
+void VideoSender::repeatAfter(std::optional<Duration> rest)
+{
+    nextRepeat = rest ? queue->after(*rest, [this] { repeat(); }) : Subscription();
+}
+
+void VideoSender::repeat()
+{
+    if (gate.pendingVideoSends > 0) return repeatAfter(busyPause);
+    refinement.repeatAsked();
+    if (onRepeatWanted) onRepeatWanted();
 }
 
 void VideoSender::requestIf(bool isWanted)

@@ -3,6 +3,7 @@
 #include "PelorinHost/Session/RateAdaptation.h"
 #include "PelorinHost/Session/SessionOutlet.h"
 #include "PelorinHost/Session/SessionStatistics.h"
+#include "PelorinHost/Session/StillRefinement.h"
 #include "PelorinHost/Session/VideoGate.h"
 
 namespace pelorin {
@@ -11,10 +12,12 @@ namespace pelorin {
 // Owned by the HostSession.
 class VideoSender {
 public:
-    VideoSender(SessionOutlet& outlet, SessionStatistics& statistics, RateAdaptation& rate,
-        const SerialQueue& clock, bool stampsFrames);
+    VideoSender(SessionOutlet& outlet, SessionStatistics& statistics, RateAdaptation& rate, QueueRef queue,
+        bool stampsFrames);
 
-    std::function<void()> onKeyframeWanted; // by the gate; ask the streamer
+    // What the streamer is to be asked for.
+    std::function<void()> onKeyframeWanted;
+    std::function<void()> onRepeatWanted;
 
     void setFormat(VideoCodec codec, std::vector<Bytes> parameterSets); // goes out ahead of each keyframe
     void send(EncodedFrame frame);
@@ -25,13 +28,17 @@ private:
     void dropped();
     void transmit(EncodedFrame frame);
     void requestIf(bool isWanted);
+    void repeatAfter(std::optional<Duration> rest);
+    void repeat();
 
     SessionOutlet& outlet;
     SessionStatistics& statistics;
     RateAdaptation& rate;
-    const SerialQueue& clock;
+    QueueRef queue;
     bool stampsFrames;
     VideoGate gate;
+    StillRefinement refinement;
+    Subscription nextRepeat;
     std::optional<message::VideoFormat> format;
     Lifetime lifetime;
 };

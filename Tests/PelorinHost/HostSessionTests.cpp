@@ -254,6 +254,29 @@ TEST_F(SessionTest, dropsFramesForAPhoneThatStopsReadingAndGoesOnWithAKeyframe)
     EXPECT_FALSE(phone->last<message::VideoFrame>().isKeyframe) << "and the stream is in order again";
 }
 
+TEST_F(SessionTest, sharpensAPictureAtRestAndThenSendsNothing)
+{
+    begin();
+    feed(10);
+    EXPECT_EQ(phone->count<message::VideoFrame>(), 10u);
+    queues.advance(149ms);
+    EXPECT_EQ(phone->count<message::VideoFrame>(), 10u);
+    queues.advance(1ms);
+    EXPECT_EQ(phone->count<message::VideoFrame>(), 11u);
+    pingFor(10s);
+    const std::size_t refined = phone->count<message::VideoFrame>();
+    EXPECT_EQ(refined, 14u) << "repeats that add nothing end it";
+    pingFor(60s);
+    EXPECT_EQ(phone->count<message::VideoFrame>(), refined);
+
+    feed();
+    pair.pauseSecond(true);
+    feed();
+    const auto encoded = platform.encoders.lastSession().encodes.size();
+    queues.advance(3s);
+    EXPECT_EQ(platform.encoders.lastSession().encodes.size(), encoded) << "not for a phone that lags behind";
+}
+
 TEST_F(SessionTest, givesUpOnAPhoneThatLetsAnswersPileUp)
 {
     begin();
