@@ -99,6 +99,7 @@ void X11CaptureStream::configure(const CaptureConfiguration& newConfiguration)
     painter.emplace(static_cast<int>(display.bounds.width), static_cast<int>(display.bounds.height),
         configuration.widthPx, configuration.heightPx);
     pacer = FramePacer(configuration.maxFrameRate);
+    turn = {};
     if (!configuration.showsCursor) cursor.reset();
     if (configuration.showsCursor && !cursor) cursor.emplace(connection);
     isAllChanged = true;

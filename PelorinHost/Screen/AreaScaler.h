@@ -36,6 +36,11 @@ private:
         std::vector<std::uint16_t> weights; // taps for each target pixel
     };
 
+    bool isHalving() const
+    {
+        return columns.sourceLength == 2 * columns.targetLength && rows.sourceLength == 2 * rows.targetLength;
+    }
+
     Axis columns;
     Axis rows;
     std::vector<std::uint16_t> spreadWeights; // of columns, each four times: for the channels of a pixel

@@ -55,6 +55,7 @@ TEST(AreaScaler, yieldsTheMeanOfTheAreaOnEveryTarget)
         hwy::SetSupportedTargetsForTest(left & -left);
         hwy::GetChosenTarget().Update(hwy::SupportedTargets());
         expectMeans(100, 80, 50, 40);
+        expectMeans(4, 4, 2, 2);
         expectMeans(99, 71, 62, 44);
         expectMeans(97, 61, 30, 8);
         expectMeans(40, 30, 64, 40);

@@ -306,6 +306,7 @@ TEST_F(X11CaptureStreamTest, stopsOnceWhenTheServerDies)
 {
     start({640, 480, 60, true});
     server.kill();
+    queue->post([&] { EXPECT_FALSE(stream->captureStill({640, 480, 60, true})); }); // writes to nobody
     ASSERT_TRUE(runUntil([&] { return !stops.empty(); }));
     EXPECT_THAT(stops, ElementsAre("the X server is gone"));
     const auto tasksBefore = watched->tasks;
