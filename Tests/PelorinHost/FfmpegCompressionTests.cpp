@@ -1,0 +1,210 @@
+#include "PelorinHost/Linux/AccessUnit.h"
+#include "PelorinHost/Linux/FfmpegSession.h"
+#include "PelorinHost/Linux/LinuxCompression.h"
+#include "Tests/Lab/VideoDecoder.h"
+
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace compressionProperty;
+using testing::ElementsAre;
+using enum EncoderSpecification;
+
+Bytes concatenate(std::initializer_list<Bytes> parts)
+{
+    Bytes all;
+    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+TEST(AccessUnit, keepsSlicesAndParameterSetsOfWhateverAnEncoderGives)
+{
+    constexpr auto h264 = VideoCodec::h264;
+    constexpr auto hevc = VideoCodec::hevc;
+    const Bytes sps{0x67, 100, 0, 3, 9};
+    const Bytes pps{0x68, 0xCE};
+    const Bytes idr{0x65, 0, 0, 3, 1, 0x80};
+    const Bytes vps{0x40, 1, 7};
+    const Bytes slice{0x26, 1, 5, 6};
+    const Bytes longCode{0, 0, 0, 1};
+    const Bytes shortCode{0, 0, 1};
+    const auto length = [](std::uint8_t size) { return Bytes{0, 0, 0, size}; };
+    const struct {
+        const char* name;
+        VideoCodec codec;
+        Bytes encoded;
+        std::vector<Bytes> parameterSets;
+        Bytes data;
+    } cases[] = {
+        {"nothing", h264, {}, {}, {}},
+        {"start codes of both lengths, a delimiter and SEI", h264,
+            concatenate({longCode, {9, 0xF0}, longCode, sps, longCode, pps, shortCode, {6, 5, 1, 0x80},
+                shortCode, idr, shortCode, idr}),
+            {sps, pps}, concatenate({length(6), idr, length(6), idr})},
+        {"zeros at the end", h264, concatenate({shortCode, idr, {0, 0, 0}}), {},
+            concatenate({length(6), idr})},
+        {"lengths", h264, concatenate({length(5), sps, length(2), pps, length(2), {6, 5}, length(6), idr}),
+            {sps, pps}, concatenate({length(6), idr})},
+        {"HEVC", hevc, concatenate({longCode, vps, longCode, {0x4E, 1, 3}, longCode, slice}), {vps},
+            concatenate({length(4), slice})},
+        {"a length beyond the end", h264, concatenate({length(6), idr, length(200), idr}), {},
+            concatenate({length(6), idr})},
+        {"empty units", h264, concatenate({shortCode, shortCode, idr, longCode}), {},
+            concatenate({length(6), idr})},
+        {"a length of none", h264, concatenate({length(0), length(6), idr}), {},
+            concatenate({length(6), idr})},
+    };
+    for (const auto& [name, codec, encoded, parameterSets, data] : cases) {
+        const auto unit = packAccessUnit(codec, encoded);
+        EXPECT_EQ(unit.parameterSets, parameterSets) << name;
+        EXPECT_EQ(unit.data, data) << name;
+    }
+}
+
+// libavcodec's x264, in Annex B: stands in for hardware, which speaks that, too.
+FfmpegEncoder annexBEncoder(const char* tune)
+{
+    return {VideoCodec::h264, "libx264", FfmpegEncoder::Input::interleaved, true,
+        {{"preset", "ultrafast"}, {"tune", tune}, {"forced-idr", "1"}}, 320, 180};
+}
+
+TEST(FfmpegCompression, takesOnlyEncodersThatPassTheirTrial)
+{
+    auto unknown = annexBEncoder("zerolatency");
+    unknown.name = "no_such_encoder";
+    FfmpegCompression compression({unknown, annexBEncoder("film"), x265Encoder()});
+    const CompressionRequest small{VideoCodec::hevc, 320, 200, lowLatency, 1};
+    EXPECT_EQ(compression.createSession(small).status, compressionStatus::notAvailable) << "not tried yet";
+    compression.probe();
+    EXPECT_EQ(compression.createSession(small).status, compressionStatus::success);
+    EXPECT_EQ(compression.createSession({VideoCodec::hevc, 8000, 8000, lowLatency, 240}).status,
+        compressionStatus::tooSlow);
+    EXPECT_EQ(compression.createSession({VideoCodec::h264, 320, 200, lowLatency, 1}).status,
+        compressionStatus::notAvailable)
+        << "an encoder that holds pictures back isn't real-time";
+    EXPECT_FALSE(compression.createSession({VideoCodec::hevc, 321, 200, lowLatency, 1}).session);
+}
+
+TEST(FfmpegCompression, findsMissingHardwareNotAvailable)
+{
+    FfmpegCompression compression(hardwareEncoders());
+    compression.probe();
+    for (const auto codec : {VideoCodec::hevc, VideoCodec::h264})
+        for (const auto specification : {lowLatency, hardwareAccelerated}) {
+            const auto created = compression.createSession({codec, 640, 400, specification, 30});
+            EXPECT_EQ(created.session != nullptr, created.status == compressionStatus::success);
+            EXPECT_TRUE(created.session || created.status == compressionStatus::notAvailable);
+        }
+}
+
+// The keyframes (by their number) and the pictures of a session fed one by one.
+class Feed {
+public:
+    explicit Feed(const FfmpegEncoder& encoder)
+        : picture(320, 200),
+          session(FfmpegSession::open(encoder, {encoder.codec, 320, 200})),
+          codec(encoder.codec),
+          decoder(encoder.codec)
+    {
+        session->setProperty(AverageBitRate{2'000'000});
+        session->prepareToEncodeFrames();
+    }
+
+    void encode(int pictures, bool forceFirst = false)
+    {
+        for (int i = 0; i < pictures; ++i, ++count) {
+            picture.drawWaves({0, 0, 160, 100}, count);
+            const auto status = session->encode(picture.next(), SteadyTime(1h + 20ms * count),
+                forceFirst && i == 0, [&](CompressionStatus outcome, const CompressedSample& sample) {
+                    EXPECT_EQ(outcome, 0);
+                    if (!sample.isNotSync) keyframes.push_back(count);
+                    const auto units = nalUnits(sample.data);
+                    ASSERT_TRUE(units);
+                    for (const ByteView unit : *units) EXPECT_TRUE(isSlice(codec, unit));
+                    const auto decoded = decoder.decode(sample);
+                    ASSERT_TRUE(decoded);
+                    EXPECT_GT(decoded->psnr(picture, picture.whole()), 25);
+                });
+            EXPECT_EQ(status, 0);
+        }
+    }
+
+    SyntheticPicture picture;
+    std::unique_ptr<FfmpegSession> session;
+    std::vector<int> keyframes;
+
+private:
+    VideoCodec codec;
+    VideoDecoder decoder;
+    int count = 0;
+};
+
+TEST(FfmpegSession, opensAnewForARateThatIsWorthAKeyframeAndWaitsWithOthers)
+{
+    Feed feed(x265Encoder());
+    const auto ask = [&](int bitsPerSecond) { feed.session->setProperty(AverageBitRate{bitsPerSecond}); };
+    feed.encode(3);
+    ask(2'300'000);
+    feed.encode(3);
+    ask(1'950'000);
+    feed.encode(3);
+    EXPECT_THAT(feed.keyframes, ElementsAre(0)) << "small steps wait";
+    ask(1'400'000);
+    feed.encode(3);
+    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9)) << "a cut is followed";
+    ask(1'600'000);
+    feed.encode(3);
+    ask(1'850'000);
+    feed.encode(3);
+    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9, 15)) << "rises add up";
+    feed.encode(3, true);
+    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9, 15, 18));
+}
+
+TEST(FfmpegSession, packsAnnexBAndTakesARateLive)
+{
+    Feed feed(annexBEncoder("zerolatency"));
+    feed.encode(3);
+    feed.session->setProperty(AverageBitRate{1'000'000});
+    feed.encode(3);
+    feed.encode(3, true);
+    EXPECT_THAT(feed.keyframes, ElementsAre(0, 6));
+}
+
+TEST(FfmpegSession, givesOutWhatItHeldBackWhenCompletedAndGoesOnAfterwards)
+{
+    Feed feed(annexBEncoder("film"));
+    int received = 0;
+    const auto encode = [&](int pictures) {
+        for (int i = 0; i < pictures; ++i)
+            feed.session->encode(feed.picture.next(), SteadyTime(1h + 20ms * i), false,
+                [&](CompressionStatus, const CompressedSample&) { ++received; });
+    };
+    encode(5);
+    EXPECT_LT(received, 5);
+    feed.session->completeFrames();
+    EXPECT_EQ(received, 5);
+    encode(2);
+    feed.session->completeFrames();
+    EXPECT_EQ(received, 7);
+    encode(2);
+    feed.session.reset();
+    EXPECT_EQ(received, 7);
+}
+
+TEST(LinuxCompression, hasH264AtOnceAndHevcOnlyWhereItHoldsTheRate)
+{
+    LinuxCompression compression;
+    EXPECT_EQ(compression.createSession({VideoCodec::h264, 1920, 1080, lowLatency, 60}).status, 0);
+    const auto hevc = compression.createSession({VideoCodec::hevc, 8000, 8000, lowLatency, 120});
+    EXPECT_NE(hevc.status, 0);
+    EXPECT_FALSE(hevc.session);
+    EXPECT_EQ(compression.createSession({VideoCodec::h264, 7680, 4320, lowLatency, 60}).status, 0);
+    EXPECT_EQ(compression.createSession({VideoCodec::h264, 1920, 1080, hardwareAccelerated, 60}).status, 0);
+}
+
+} // namespace
+} // namespace pelorin
