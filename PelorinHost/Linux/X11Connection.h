@@ -3,7 +3,9 @@
 #include "PelorinCore/Result.h"
 #include "PelorinHost/Platform/PlatformError.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <xcb/xcb.h>
@@ -19,7 +21,9 @@ using XcbReply = std::unique_ptr<T, FreeDeleter>; // what xcb gives to be freed
 // One connection to an X server, closed with it. Not shared between queues.
 class X11Connection {
 public:
-    // display as in $DISPLAY; empty takes that variable.
+    using EventHandler = std::function<void(const xcb_generic_event_t&)>;
+
+    // display as in $DISPLAY; empty takes that variable. A server that is stopped is as one that is gone.
     static Result<X11Connection, PlatformError> open(const std::string& display);
 
     xcb_connection_t* get() const { return connection.get(); }
@@ -32,11 +36,33 @@ public:
     // The extension's data, or nothing when the server has none such.
     const xcb_query_extension_reply_t* extension(xcb_extension_t* which) const;
 
+    // The reply to a request, or nothing when the server refused, is gone or did not answer in time. Unlike
+    // xcb's own waiting it returns even when the server is stopped. Events met on the way go to onEvent.
+    template <class Reply, class Cookie>
+    XcbReply<Reply> reply(
+        Cookie cookie, std::chrono::milliseconds patience, const EventHandler& onEvent = {}) const
+    {
+        return XcbReply<Reply>(static_cast<Reply*>(waitForReply(cookie.sequence, patience, onEvent)));
+    }
+    // Whether the server has carried out, in time, everything sent so far. A server drops what it has not
+    // read yet when its client closes the connection.
+    bool settle(std::chrono::milliseconds patience) const;
+    // Hands over what has arrived, without waiting.
+    void takeEvents(const EventHandler& onEvent) const;
+    // Whether the server takes more now; sending to one that is stopped blocks in the end.
+    bool isWritable() const;
+
 private:
+    void* waitForReply(
+        unsigned sequence, std::chrono::milliseconds patience, const EventHandler& onEvent) const;
+
+    bool waitFor(short events, std::chrono::milliseconds patience) const; // or for the connection's end
+
     struct Disconnect {
         void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
     };
-    std::unique_ptr<xcb_connection_t, Disconnect> connection;
+    using Handle = std::unique_ptr<xcb_connection_t, Disconnect>;
+    Handle connection;
     const xcb_screen_t* defaultScreen = nullptr;
 };
 

@@ -1,0 +1,194 @@
+#include "PelorinCore/Keys/MacKey.h"
+#include "PelorinHost/Input/InputInjector.h"
+#include "PelorinHost/Linux/XtestEventPosting.h"
+#include "PelorinNet/Log.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Fakes/FakeDisplayBounds.h"
+#include "Tests/Lab/InputWindow.h"
+#include "Tests/Lab/Wait.h"
+#include "Tests/Lab/XServer.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace keyModifier;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct XtestEventPostingTest : testing::Test {
+    static void SetUpTestSuite() { server = std::make_unique<lab::XServer>(); }
+    static void TearDownTestSuite() { server.reset(); }
+    inline static std::unique_ptr<lab::XServer> server;
+
+    ManualQueues time;
+    QueueRef queue = time.makeQueue("dev.pelorin.host.session");
+    lab::InputWindow window{server->display()};
+    std::unique_ptr<XtestEventPosting> posting
+        = std::make_unique<XtestEventPosting>(queue, server->display());
+
+    std::vector<std::string> windowEvents()
+    {
+        posting->cursorLocation(); // answered after all that was posted
+        return window.eventsNow();
+    }
+    void tap(std::uint16_t key, KeyModifiers flags = none)
+    {
+        posting->postKey(key, true, flags, false);
+        posting->postKey(key, false, flags, false);
+    }
+};
+
+TEST_F(XtestEventPostingTest, movesAndPressesWherePointed)
+{
+    posting->postPointer(PointerEventType::moved, {100.4, 200.6}, 0, 0);
+    posting->postButton(MouseButton::left, true, {100, 201}, 1);
+    posting->postPointer(PointerEventType::leftDragged, {110, 210}, 0, 0);
+    posting->postButton(MouseButton::left, false, {110, 210}, 1);
+    posting->postButton(MouseButton::right, true, {5, 6}, 1);
+    posting->postButton(MouseButton::right, false, {5, 6}, 1);
+    posting->postButton(MouseButton::middle, true, {5, 6}, 1);
+    posting->postButton(MouseButton::middle, false, {1e9, -1e9}, 1);
+    EXPECT_THAT(window.eventsUntil("button 2 up at 1279,0"),
+        ElementsAre("motion 100,201", "button 1 down at 100,201", "motion 110,210", "button 1 up at 110,210",
+            "motion 5,6", "button 3 down at 5,6", "button 3 up at 5,6", "button 2 down at 5,6",
+            "motion 1279,0", "button 2 up at 1279,0"));
+    EXPECT_EQ(posting->cursorLocation(), (Point{1279, 0}));
+}
+
+TEST_F(XtestEventPostingTest, scrollsByWholeClicksTowardsWhereTheContentFollows)
+{
+    using enum ScrollPhase;
+    posting->postPointer(PointerEventType::moved, {50, 50}, 0, 0);
+    window.eventsUntil("motion 50,50");
+    posting->postScroll(0, 30, began, MomentumPhase::none);
+    posting->postScroll(0, 30, changed, MomentumPhase::none); // 60 up: a click, 12 left over
+    posting->postScroll(0, 0, ended, MomentumPhase::none); // which are dropped
+    posting->postScroll(0, 40, none, MomentumPhase::began);
+    posting->postScroll(-50, -90, none, MomentumPhase::changed); // 50 right, 50 down
+    posting->postScroll(49, 0, none, MomentumPhase::ended); // 47 left, dropped
+    posting->postScroll(48, 0, began, MomentumPhase::none);
+    EXPECT_THAT(window.eventsUntil("button 6 up at 50,50"),
+        ElementsAre("button 4 down at 50,50", "button 4 up at 50,50", "button 5 down at 50,50",
+            "button 5 up at 50,50", "button 7 down at 50,50", "button 7 up at 50,50",
+            "button 6 down at 50,50", "button 6 up at 50,50"));
+
+    posting->postScroll(0, std::numeric_limits<int>::max(), changed, MomentumPhase::none);
+    tap(MacKey::a);
+    EXPECT_EQ(window.eventsUntil("key 38 up").size(), 2u * 50 + 2);
+}
+
+TEST_F(XtestEventPostingTest, pressesTheModifiersThatFlagsNameOnlyAsLongAsTheKey)
+{
+    tap(MacKey::digit4, command | shift);
+    EXPECT_THAT(window.eventsUntil("key 133 up"),
+        ElementsAre("key 50 down", "key 133 down", "key 13 down", "key 13 up", "key 133 up"));
+    EXPECT_THAT(windowEvents(), ElementsAre("key 50 up"));
+}
+
+TEST_F(XtestEventPostingTest, sharesHeldModifiersBetweenKeys)
+{
+    posting->postKey(MacKey::rightShift, true, shift, true);
+    tap(MacKey::a, shift); // the right shift serves
+    posting->postKey(MacKey::c, true, control | shift, false);
+    posting->postKey(MacKey::c, true, control | shift, false); // repeats; the server does that by itself
+    posting->postKey(MacKey::v, true, control | shift, false);
+    posting->postKey(MacKey::c, false, none, false); // control stays for v
+    posting->postKey(MacKey::rightShift, false, none, true);
+    posting->postKey(MacKey::v, false, none, false);
+    posting->postKey(MacKey::v, false, none, false);
+    EXPECT_THAT(window.eventsUntil("key 37 up"),
+        ElementsAre("key 62 down", "key 38 down", "key 38 up", "key 37 down", "key 54 down", "key 55 down",
+            "key 54 up", "key 62 up", "key 55 up", "key 37 up"));
+}
+
+TEST_F(XtestEventPostingTest, letsGoOfEverythingAtTheEnd)
+{
+    fakes::FakeDisplayBounds displays;
+    posting->postPointer(PointerEventType::moved, {7, 7}, 0, 0);
+    {
+        InputInjector injector(*posting, displays, *queue);
+        injector.key(MacKey::shift, true, none);
+        injector.key(MacKey::q, true, command);
+        injector.button(MouseButton::left, true, 1);
+        window.eventsUntil("button 1 down at 7,7");
+    }
+    EXPECT_THAT(windowEvents(), ElementsAre("button 1 up at 7,7", "key 24 up", "key 133 up", "key 50 up"));
+
+    posting->postKey(MacKey::shift, true, shift, true);
+    posting->postKey(MacKey::q, true, command, false);
+    posting->postButton(MouseButton::right, true, {7, 7}, 1);
+    window.eventsUntil("button 3 down at 7,7");
+    posting.reset(); // without anybody's releaseAll
+    EXPECT_EQ(window.pointerMask(), 0);
+    EXPECT_FALSE(window.isKeyDown(24));
+}
+
+TEST_F(XtestEventPostingTest, capsLockTogglesAsTheKeyDoes)
+{
+    for (const int expected : {2, 0}) { // Lock in the mask
+        posting->postKey(MacKey::capsLock, true, capsLock, true);
+        tap(MacKey::a, capsLock); // the flag alone toggles nothing
+        posting->postKey(MacKey::capsLock, false, none, true);
+        window.eventsUntil("key 66 up");
+        EXPECT_EQ(window.pointerMask(), expected);
+    }
+}
+
+TEST_F(XtestEventPostingTest, goesOnWithTheNextServerAfterACrash)
+{
+    lab::XServer mortal;
+    XtestEventPosting survivor(queue, mortal.display());
+    std::vector<std::string> lines;
+    Log::observe([&](LogLevel, auto, std::string_view text) { lines.emplace_back(text); });
+
+    survivor.postKey(MacKey::shift, true, shift, true);
+    mortal.kill();
+    ASSERT_TRUE(lab::eventually([&] {
+        time.runReady();
+        return !lines.empty();
+    }));
+    for (int i = 0; i < 100; ++i) survivor.postPointer(PointerEventType::moved, {1.0 * i, 1}, 0, 0);
+    survivor.postUnicode(u"gone");
+    EXPECT_EQ(survivor.cursorLocation(), std::nullopt);
+    EXPECT_THAT(lines, ElementsAre("the X server is gone; input is skipped until it is back"));
+
+    mortal.restart();
+    lab::InputWindow next(mortal.display());
+    survivor.postPointer(PointerEventType::moved, {1, 1}, 0, 0); // too soon to try again
+    time.advance(1s);
+    survivor.postPointer(PointerEventType::moved, {2, 2}, 0, 0);
+    survivor.postKey(MacKey::a, true, none, false);
+    survivor.postKey(MacKey::a, false, none, false);
+    EXPECT_THAT(next.eventsUntil("key 38 up"), ElementsAre("motion 2,2", "key 38 down", "key 38 up"));
+    EXPECT_EQ(lines.back(), "the X server is back and takes input");
+    Log::observe({});
+}
+
+TEST_F(XtestEventPostingTest, neitherBlocksNorLosesAReleaseWhenTheServerStops)
+{
+    lab::XServer stopped;
+    XtestEventPosting patient(queue, stopped.display());
+    lab::InputWindow watching(stopped.display());
+    patient.postKey(MacKey::a, true, none, false);
+    watching.eventsUntil("key 38 down");
+    stopped.pause();
+    for (int i = 0; i < 20'000; ++i) {
+        patient.postPointer(PointerEventType::moved, {1.0 * (i % 500), 1}, 0, 0);
+        patient.postButton(MouseButton::left, i % 2 == 0, {1, 1}, 1);
+    }
+    patient.postKey(MacKey::a, false, none, false);
+    EXPECT_EQ(patient.cursorLocation(), std::nullopt);
+    stopped.resume();
+    ASSERT_TRUE(lab::eventually([&] {
+        time.advance(4ms);
+        return !watching.isKeyDown(38);
+    }));
+    EXPECT_EQ(watching.pointerMask(), 0);
+}
+
+} // namespace
+} // namespace pelorin
