@@ -11,6 +11,7 @@
 #include <numeric>
 
 using namespace pelorin;
+using namespace pelorin::lab;
 using namespace std::chrono_literals;
 
 namespace {

@@ -6,7 +6,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-namespace pelorin {
+namespace pelorin::lab {
 namespace {
 
 constexpr std::uint8_t startCode[] = {0, 0, 0, 1};
@@ -130,4 +130,4 @@ bool hasStartCode(ByteView nalUnit)
     return !std::ranges::search(nalUnit, shortCode).empty();
 }
 
-} // namespace pelorin
+} // namespace pelorin::lab

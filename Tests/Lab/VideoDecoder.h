@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-namespace pelorin {
+namespace pelorin::lab {
 
 struct DecodedPicture {
     int widthPx = 0;
@@ -42,4 +42,4 @@ std::optional<std::vector<ByteView>> nalUnits(ByteView accessUnit);
 bool isSlice(VideoCodec codec, ByteView nalUnit);
 bool hasStartCode(ByteView nalUnit);
 
-} // namespace pelorin
+} // namespace pelorin::lab

@@ -10,6 +10,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace compressionProperty;
+using namespace lab;
 using testing::ElementsAre;
 using enum EncoderSpecification;
 

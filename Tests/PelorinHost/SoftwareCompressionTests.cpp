@@ -12,6 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace compressionProperty;
+using namespace lab;
 
 constexpr int frameRate = 60;
 constexpr Duration frameTime = std::chrono::duration_cast<Duration>(1s) / frameRate;
