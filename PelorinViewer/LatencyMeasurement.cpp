@@ -77,7 +77,7 @@ void LatencyMeasurement::give(std::optional<double> milliseconds)
 
 double LatencyMeasurement::probedLuma(const DecodedPicture& picture) const
 {
-    const PixelRect middle{(picture.widthPx - defaultProbeSide) / 2,
+    const PictureRect middle{(picture.widthPx - defaultProbeSide) / 2,
         (picture.heightPx - defaultProbeSide) / 2, defaultProbeSide, defaultProbeSide};
     return meanLuma(picture, settings.probe.value_or(middle));
 }

@@ -22,7 +22,7 @@ public:
         int trials = 200;
         std::uint16_t keyCode = 0;
         KeyModifiers modifiers;
-        std::optional<PixelRect> probe; // otherwise a square in the middle
+        std::optional<PictureRect> probe; // otherwise a square in the middle
     };
     LatencyMeasurement(QueueRef queue, Settings settings);
 

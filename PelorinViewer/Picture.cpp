@@ -53,7 +53,7 @@ bool showsChange(const DecodedPicture& before, const DecodedPicture& after)
     return false;
 }
 
-double meanLuma(const DecodedPicture& picture, const PixelRect& rect)
+double meanLuma(const DecodedPicture& picture, const PictureRect& rect)
 {
     const int right = std::min(rect.x + rect.width, picture.widthPx);
     const int bottom = std::min(rect.y + rect.height, picture.heightPx);

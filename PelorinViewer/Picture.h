@@ -13,7 +13,7 @@ namespace pelorin {
 bool showsChange(const DecodedPicture& before, const DecodedPicture& after);
 
 // The mean luma, 0 to 255, of the part of rect that lies in the picture; 0 when none does.
-double meanLuma(const DecodedPicture& picture, const PixelRect& rect);
+double meanLuma(const DecodedPicture& picture, const PictureRect& rect);
 
 // Writes the picture as an 8-bit RGB PNG; on failure says why.
 Result<void, std::string> writePNG(const DecodedPicture& picture, const std::string& file);

@@ -50,7 +50,7 @@ std::optional<Viewport> parseViewport(std::string_view text)
     return Viewport{*width, *height, scale};
 }
 
-std::optional<PixelRect> parseRect(std::string_view text)
+std::optional<PictureRect> parseRect(std::string_view text)
 {
     std::array<int, 4> numbers{};
     for (std::size_t i = 0; i < numbers.size(); ++i) {
@@ -62,7 +62,7 @@ std::optional<PixelRect> parseRect(std::string_view text)
         text.remove_prefix(comma == std::string_view::npos ? text.size() : comma + 1);
     }
     if (numbers[2] == 0 || numbers[3] == 0) return std::nullopt;
-    return PixelRect{numbers[0], numbers[1], numbers[2], numbers[3]};
+    return PictureRect{numbers[0], numbers[1], numbers[2], numbers[3]};
 }
 
 } // namespace pelorin

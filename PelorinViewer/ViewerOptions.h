@@ -8,12 +8,12 @@
 namespace pelorin {
 
 // A rectangle in picture pixels.
-struct PixelRect {
+struct PictureRect {
     int x = 0;
     int y = 0;
     int width = 0;
     int height = 0;
-    bool operator==(const PixelRect&) const = default;
+    bool operator==(const PictureRect&) const = default;
 };
 
 struct HostAddress {
@@ -29,7 +29,7 @@ struct HostAddress {
 // 8].
 std::optional<Viewport> parseViewport(std::string_view text);
 // "X,Y,WIDTH,HEIGHT"
-std::optional<PixelRect> parseRect(std::string_view text);
+std::optional<PictureRect> parseRect(std::string_view text);
 
 enum class MeasureKind { none, latency, motion };
 enum class CodecChoice { any, h264, hevc };
@@ -50,11 +50,12 @@ struct ViewerOptions {
     std::string screenshotFile; // the last picture, written at the end
     bool printsJSON = false;
     bool showsOverlay = false;
+    bool sharesClipboard = false; // with a window
 
     MeasureKind measure = MeasureKind::none;
     int trials = 200; // latency
     std::string key = "space"; // latency: what is pressed
-    std::optional<PixelRect> probe; // latency: where to look; otherwise the middle of the picture
+    std::optional<PictureRect> probe; // latency: where to look; otherwise the middle of the picture
 };
 
 } // namespace pelorin

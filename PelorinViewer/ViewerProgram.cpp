@@ -1,7 +1,9 @@
 #include "PelorinViewer/ViewerProgram.h"
 
 #include "PelorinNet/Channel/TcpChannel.h"
+#include "PelorinPhone/GestureShaper.h"
 #include "PelorinViewer/Viewer.h"
+#include "PelorinViewer/ViewerWindow.h"
 
 #include <csignal>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <future>
 #include <sstream>
 #include <sys/signalfd.h>
+#include <thread>
 #include <unistd.h>
 
 namespace pelorin {
@@ -23,7 +26,7 @@ constexpr Duration connectTimeout = 10s;
 constexpr int threads = 2;
 
 // How long the last bytes may take to leave before the process goes.
-constexpr auto farewell = 200ms;
+constexpr auto farewell = 100ms;
 
 // SIGINT and SIGTERM as something to read; blocked in every thread started later.
 class EndSignals {
@@ -68,42 +71,132 @@ int print(const ViewerResult& result, const ViewerOptions& options)
     return static_cast<int>(result.exit);
 }
 
-// Everything that lives on the session's queue, made and destroyed there.
-struct Run {
-    std::unique_ptr<Viewer> viewer;
-    Subscription signalWatch;
-};
+// One run from start to end: what lives on the session's queue is made and destroyed there. Made and run by
+// the main thread.
+class Run {
+public:
+    Run(const EndSignals& signals, const ViewerOptions& newOptions, std::vector<ScriptStep> script)
+    {
+        queue->post(
+            [this, descriptor = signals.descriptor, newOptions, script = std::move(script)]() mutable {
+                viewer = std::make_unique<Viewer>(queue, decodeQueue, newOptions, std::move(script));
+                viewer->onFinished = [this](ViewerResult result) {
+                    finished.set_value(std::move(result));
+                    if (window) window->close();
+                };
+                gestures.emplace(queue);
+                gestures->onMessage = [this](const Message& message) { viewer->send(message); };
+                signalWatch = queue->whenReadable(descriptor, [this] {
+                    signalWatch.cancel();
+                    viewer->stop();
+                });
+            });
+    }
 
-ViewerResult runHeadless(const ViewerOptions& options, std::vector<ScriptStep> script)
-{
-    const EndSignals signals;
-    std::promise<ViewerResult> finished;
-    Run run;
-    QueuePool pool(threads);
+    ~Run()
+    {
+        const auto gone = std::make_shared<std::promise<void>>();
+        queue->post([this, gone] {
+            signalWatch.cancel();
+            gestures.reset();
+            viewer.reset();
+            gone->set_value();
+        });
+        gone->get_future().wait();
+        std::this_thread::sleep_for(farewell);
+    }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    ViewerResult withoutWindow(const HostAddress& address)
+    {
+        connect(address);
+        return finished.get_future().get();
+    }
+
+    ViewerResult inWindow(const HostAddress& address, ViewerWindow& shown, bool sharesClipboard)
+    {
+        queue->post([this, &shown, sharesClipboard] { attach(shown, sharesClipboard); });
+        connect(address);
+        shown.run(windowInput(sharesClipboard));
+        return finished.get_future().get();
+    }
+
+private:
+    void connect(const HostAddress& address)
+    {
+        queue->post([this, address] {
+            viewer->start([&](Viewer::Connected connected) {
+                return connectTcp(
+                    pool, queue, address.host, address.port, connectTimeout, std::move(connected));
+            });
+        });
+    }
+
+    void attach(ViewerWindow& shown, bool sharesClipboard)
+    {
+        window = &shown;
+        viewer->onPicture = [this](const ReceivedPicture& picture) { window->show(picture); };
+        viewer->onSecond = [this](const PhoneFigures& figures) { window->setFigures(figures); };
+        viewer->onHello = [this, sharesClipboard](const std::string& hostName) {
+            window->setTitle(hostName + " - Pelorin");
+            if (sharesClipboard) viewer->send(message::SetOptions{sessionOption::clipboardSharing});
+        };
+        viewer->onClipboard = [this](std::string text) { window->setClipboard(std::move(text)); };
+    }
+
+    // Called on the window's thread; each goes on to the queue.
+    WindowInput windowInput(bool sharesClipboard)
+    {
+        WindowInput input;
+        input.onMouseMove
+            = [this](double dx, double dy) { post([=](Run& run) { run.gestures->moveMouse(dx, dy); }); };
+        input.onMouseButton = [this](MouseButton button, bool isDown) {
+            post([=](Run& run) { run.gestures->pressMouse(button, isDown); });
+        };
+        input.onWheel
+            = [this](double x, double y) { post([=](Run& run) { run.gestures->turnWheel(x, y); }); };
+        input.onMessage = [this, sharesClipboard](Message message) {
+            if (std::holds_alternative<message::PasteText>(message) && !sharesClipboard) return;
+            post([message = std::move(message)](Run& run) { run.viewer->send(message); });
+        };
+        input.onDrew = [this](Duration drawing) { post([=](Run& run) { run.viewer->drew(drawing); }); };
+        input.onClosed = [this] { post([](Run& run) { run.viewer->stop(); }); };
+        return input;
+    }
+
+    template <class Work>
+    void post(Work work)
+    {
+        queue->post([this, work = std::move(work)] { work(*this); });
+    }
+
+    QueuePool pool{threads};
     const QueueRef queue = pool.makeQueue("dev.pelorin.phone.session");
     const QueueRef decodeQueue = pool.makeQueue("dev.pelorin.phone.decode");
-    queue->post([&] {
-        run.viewer = std::make_unique<Viewer>(queue, decodeQueue, options, std::move(script));
-        run.viewer->onFinished = [&](ViewerResult result) { finished.set_value(std::move(result)); };
-        run.signalWatch = queue->whenReadable(signals.descriptor, [&] {
-            run.signalWatch.cancel();
-            run.viewer->stop();
-        });
-        run.viewer->start([&](Viewer::Connected connected) {
-            return connectTcp(pool, queue, options.address.host, options.address.port, connectTimeout,
-                std::move(connected));
-        });
-    });
-    ViewerResult result = finished.get_future().get();
+    std::promise<ViewerResult> finished;
 
-    std::promise<void> gone;
-    queue->post([&] {
-        run = {};
-        gone.set_value();
-    });
-    gone.get_future().wait();
-    std::this_thread::sleep_for(farewell);
-    return result;
+    // On the queue.
+    std::unique_ptr<Viewer> viewer;
+    std::optional<GestureShaper> gestures;
+    Subscription signalWatch;
+    ViewerWindow* window = nullptr;
+};
+
+ViewerResult runHeadless(
+    const EndSignals& signals, const ViewerOptions& options, std::vector<ScriptStep> script)
+{
+    Run run(signals, options, std::move(script));
+    return run.withoutWindow(options.address);
+}
+
+ViewerResult runInWindow(const EndSignals& signals, ViewerOptions options, std::vector<ScriptStep> script)
+{
+    const auto window = ViewerWindow::open(options.showsOverlay);
+    if (!window) return {ViewerExit::failed, window.error(), {}};
+    if (!options.viewport) options.viewport = (*window)->viewport();
+    Run run(signals, options, std::move(script));
+    return run.inWindow(options.address, **window, options.sharesClipboard);
 }
 
 } // namespace
@@ -115,7 +208,10 @@ int runViewer(const ViewerOptions& options)
         fmt::print(stderr, "pelorin-viewer: {}\n", script.error());
         return static_cast<int>(ViewerExit::usage);
     }
-    return print(runHeadless(options, std::move(*script)), options);
+    const EndSignals signals; // before there is any other thread
+    const auto result = options.isHeadless ? runHeadless(signals, options, std::move(*script))
+                                           : runInWindow(signals, options, std::move(*script));
+    return print(result, options);
 }
 
 } // namespace pelorin

@@ -19,7 +19,7 @@ constexpr double framesTimeoutSeconds = 60;
 constexpr auto footer = R"(Keys in the window:
   a click         captures the mouse and the keyboard
   right Ctrl      gives them back
-  F9              figures on and off (with right Ctrl: F9 goes to the host)
+  F9              while they are given back: figures on and off
 
 Exit codes: 0 fine, 2 wrong usage, 3 no connection, 4 refused or ended by the host (its text is printed),
 5 an expectation of the script or a time limit failed, 6 the connection broke.
@@ -65,6 +65,7 @@ int main(int count, char** arguments)
     app.add_option("--screenshot", options.screenshotFile, "Write the last picture as PNG at the end");
     app.add_flag("--json", options.printsJSON, "Print figures as JSON at the end");
     app.add_flag("--overlay", options.showsOverlay, "Show figures in the window from the start");
+    app.add_flag("--clipboard", options.sharesClipboard, "Share the clipboard with the host, both ways");
     app.add_option("--viewport", "WIDTHxHEIGHT[@SCALE] of the phone; otherwise the window's, or 1920x1080")
         ->check(storing(options.viewport, &parseViewport, "a size such as 1170x2532@3"));
     app.add_option("--codec", options.codec, "h264, hevc or any: what to offer to decode")
