@@ -37,7 +37,7 @@ TEST(ViewerOptions, readSizesAndRectangles)
     for (const char* text : {"", "x", "1280", "0x720", "1280x", "1280x720@", "1280x720@0", "1280x720@-1",
              "1280x720@nan", "99999x1", "1280x720x3", " 1280x720"})
         EXPECT_FALSE(parseViewport(text)) << text;
-    EXPECT_EQ(parseRect("1,2,30,40"), (PixelRect{1, 2, 30, 40}));
+    EXPECT_EQ(parseRect("1,2,30,40"), (PictureRect{1, 2, 30, 40}));
     for (const char* text : {"", "1,2,3", "1,2,3,4,5", "1,2,0,4", "-1,2,3,4", "1,2,3,x", "1,,3,4"})
         EXPECT_FALSE(parseRect(text)) << text;
 }
