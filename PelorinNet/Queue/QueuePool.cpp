@@ -156,7 +156,8 @@ public:
 
     SteadyTime now() const override { return std::chrono::steady_clock::now(); }
     WallTime wallNow() const override { return std::chrono::system_clock::now(); }
-    bool isCurrent() const override { return queueStrand.running_in_this_thread(); }
+    // Once the pool has stopped, one thread is left and takes the rest apart, whatever queue it lived on.
+    bool isCurrent() const override { return queueStrand.running_in_this_thread() || engine->isStopped(); }
     const std::string& label() const override { return queueLabel; }
 
     const Strand& strand() const { return queueStrand; }

@@ -8,7 +8,9 @@ namespace pelorin {
 class QueuePool final : public QueueMaker {
 public:
     explicit QueuePool(int threads);
-    ~QueuePool() override; // stops the threads; tasks not yet begun are destroyed unrun
+    // Stops the threads. Tasks not yet begun are destroyed unrun; their thread counts as being on every queue
+    // from then on, so what they owned may take itself apart.
+    ~QueuePool() override;
 
     QueueRef makeQueue(std::string label) override;
 

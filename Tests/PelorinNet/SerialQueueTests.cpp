@@ -245,6 +245,24 @@ TYPED_TEST(AnyQueue, destroysTasksNotYetBegunWhenThePoolGoes)
     EXPECT_EQ(captured.use_count(), 1) << "a task posted to a stopped pool is destroyed at once";
 }
 
+TYPED_TEST(AnyQueue, countsAsCurrentForWhateverTheGoingPoolTakesApart)
+{
+    struct Asserting {
+        explicit Asserting(QueueRef newQueue) : queue(std::move(newQueue)) {}
+        Asserting(const Asserting&) = delete;
+        Asserting& operator=(const Asserting&) = delete;
+        ~Asserting() { queue->assertCurrent(); }
+        QueueRef queue;
+    };
+    auto harness = std::make_unique<TypeParam>();
+    const QueueRef queue = harness->makeQueue();
+    const auto captured = std::make_shared<int>();
+    postForever(queue, captured);
+    queue->post([object = std::make_shared<Asserting>(queue)] {});
+    harness.reset();
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
 TYPED_TEST(AnyQueue, answersALifetimeWatchAfterAHopThroughAnotherQueue)
 {
     const QueueRef other = this->harness.makeQueue("other");
