@@ -105,8 +105,7 @@ Result<std::unique_ptr<TcpListener>, NetError> TcpListener::listen(
     queue->assertCurrent();
     auto listener = std::make_unique<AsioTcpListener>(pool.engine().shared_from_this(), std::move(queue));
     if (const error_code error = listener->open(address, port))
-        return std::unexpected(
-            NetError{fmt::format("Cannot listen on {} port {}: {}", address, port, error.message())});
+        return std::unexpected(NetError{error.message()}); // the caller knows where it wanted to listen
     listener->accept();
     return listener;
 }
