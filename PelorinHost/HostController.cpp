@@ -134,8 +134,8 @@ void HostController::quit()
 {
     queue->assertCurrent();
     if (std::exchange(isQuitting, true)) return;
-    const auto afterwards = here([this](bool hadSession) {
-        const Duration wait = hadSession ? Duration(farewellTime) : Duration::zero();
+    const auto afterwards = here([this](bool hadPhone) {
+        const Duration wait = hadPhone ? Duration(farewellTime) : Duration::zero();
         farewell = queue->after(wait, [this] { letGo(); });
     });
     server.run([afterwards](HostServer& running) { afterwards(running.stop()); });

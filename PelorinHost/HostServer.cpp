@@ -78,8 +78,11 @@ bool HostServer::stop()
     queue->assertCurrent();
     timer.cancel();
     listener.reset();
+    const bool hadPhone = activeSession || !pendingSessions.empty();
+    for (auto& [id, record] : pendingSessions) end(record, SessionEnd::onMac());
     pendingSessions.clear();
-    return disconnect();
+    disconnect();
+    return hadPhone;
 }
 
 void HostServer::refresh()

@@ -26,7 +26,7 @@ public:
     std::function<void()> onLockWanted; // a session ended in a way that asks for the desktop to be locked
 
     void start();
-    // No more connections; the active phone is told that it was disconnected here. False when there is none.
+    // No more connections; every phone is told that it was disconnected here. False when there was none.
     bool stop();
     void accept(std::unique_ptr<Channel> connection); // a new connection, not started
     bool disconnect(); // ends the active session; false when there is none

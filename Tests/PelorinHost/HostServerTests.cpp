@@ -261,7 +261,7 @@ TEST_F(ServerTest, disconnectsAndStopsOnRequest)
     EXPECT_TRUE(server->stop());
     queues.runReady();
     EXPECT_EQ(last->last<message::Error>().message, "已在 Mac 上断开");
-    EXPECT_TRUE(waiting->isClosed);
+    EXPECT_EQ(waiting->last<message::Error>().message, "已在 Mac 上断开");
     EXPECT_EQ(listenersAlive, 0);
     queues.advance(60s);
     EXPECT_EQ(listenersAlive, 0);
