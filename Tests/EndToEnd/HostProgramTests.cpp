@@ -56,7 +56,7 @@ TEST(HostProgram, endsInOrderOnSIGTERMAndTellsThePhone)
     ASSERT_TRUE(phone.sayHello() && phone.wait<message::HelloAck>());
     phone.send(message::Key{56, true, keyModifier::shift});
     host.process().signal(SIGTERM);
-    EXPECT_EQ(phone.wait<message::Error>().value_or(message::Error{}).message, "已在 Mac 上断开");
+    EXPECT_EQ(phone.wait<message::Error>().value_or(message::Error{}).message, "已在 Mac 上断开") << host.log();
     EXPECT_EQ(host.process().waitForExit(10'000), 0);
 }
 
@@ -92,7 +92,7 @@ TEST(HostProgram, waitsForAPortThatIsInUse)
 
     HostProgram host(server.display(), "\"port\": " + std::to_string(ntohs(address.sin_port)));
     ASSERT_TRUE(eventually([&] {
-        return host.log().find("listen on 127.0.0.1 failed: Address already in use") != std::string::npos;
+        return host.log().find("Address already in use") != std::string::npos;
     })) << host.log();
     close(taken);
     EXPECT_TRUE(host.waitUntilListening());

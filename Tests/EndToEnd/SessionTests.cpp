@@ -261,6 +261,7 @@ TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
     ASSERT_TRUE(phone.sayHello() && phone.wait<message::VideoFrame>());
 
     // Silent on the receiving side, alive on the other.
+    const auto memoryBefore = host.process().residentKiB();
     std::uint32_t pings = 0;
     ASSERT_TRUE(eventually([&] {
         phone.send(message::Ping{++pings, pings});
@@ -268,6 +269,8 @@ TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
         const auto drops = status.find("\"drops\":");
         return drops != std::string::npos && std::stoi(status.substr(drops + 8)) > 30;
     })) << host.control({"status", "--json"});
+
+    EXPECT_LT(host.process().residentKiB(), memoryBefore + 32 * 1024);
 
     // Then every answer still comes, in order.
     for (std::uint32_t i = 1; i <= pings; ++i) {

@@ -120,6 +120,15 @@ int Process::waitForExit(int timeoutMs)
     return exitCode;
 }
 
+long Process::residentKiB() const
+{
+    std::ifstream status("/proc/" + std::to_string(processID) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    }
+    return 0;
+}
+
 XServer::XServer(Options newOptions) : options(std::move(newOptions))
 {
     begin(-1);
@@ -179,16 +188,6 @@ void XServer::kill()
 {
     process->signal(SIGKILL);
     process->waitForExit(10'000);
-}
-
-void XServer::pause()
-{
-    process->signal(SIGSTOP);
-}
-
-void XServer::resume()
-{
-    process->signal(SIGCONT);
 }
 
 void XServer::restart()

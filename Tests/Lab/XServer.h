@@ -21,6 +21,7 @@ public:
     bool isRunning();
     void signal(int number);
     int waitForExit(int timeoutMs); // the exit code, 128 + signal, or -1 when it still runs then
+    long residentKiB() const; // memory it holds now
 private:
     explicit Process(int newPid) : processID(newPid) {}
     int processID = -1;
@@ -48,8 +49,6 @@ public:
     const std::string& display() const { return displayName; } // ":7"
     bool isRunning() { return process && process->isRunning(); }
     void kill(); // as a crash
-    void pause(); // alive, but deaf and mute until resume
-    void resume();
     void restart(); // a new server with the same display name
     // Runs a client to its end and returns its standard output; "xrandr", "xdotool", "xclip".
     std::string run(std::vector<std::string> arguments) const;
