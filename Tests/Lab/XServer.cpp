@@ -190,6 +190,16 @@ void XServer::kill()
     process->waitForExit(10'000);
 }
 
+void XServer::pause()
+{
+    process->signal(SIGSTOP);
+}
+
+void XServer::resume()
+{
+    process->signal(SIGCONT);
+}
+
 void XServer::restart()
 {
     if (process->isRunning()) kill();

@@ -49,6 +49,8 @@ public:
     const std::string& display() const { return displayName; } // ":7"
     bool isRunning() { return process && process->isRunning(); }
     void kill(); // as a crash
+    void pause(); // alive, but deaf and mute until resume
+    void resume();
     void restart(); // a new server with the same display name
     // Runs a client to its end and returns its standard output; "xrandr", "xdotool", "xclip".
     std::string run(std::vector<std::string> arguments) const;
