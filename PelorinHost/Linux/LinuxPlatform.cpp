@@ -10,54 +10,66 @@
 #include "PelorinHost/Linux/X11Power.h"
 #include "PelorinHost/Linux/XtestEventPosting.h"
 
+#include <mutex>
+
 namespace pelorin {
 namespace {
 
+// An X11 desktop; each backend connects for itself when it is first needed.
 class X11Platform final : public HostPlatform {
 public:
-    explicit X11Platform(std::string newDisplay)
-        : xDisplay(std::move(newDisplay)),
-          capture(xDisplay),
-          bounds(xDisplay),
-          powerOfDisplay(xDisplay),
-          granted(xDisplay)
+    explicit X11Platform(const std::string& newDisplay)
+        : display(newDisplay),
+          capture(display),
+          bounds(display),
+          keepAwake(display),
+          allowed(display)
     {
     }
 
     DisplayCapture& displayCapture() override { return capture; }
     DisplayBounds& displayBounds() override { return bounds; }
     Compression& compression() override { return encoders; }
-    Power& power() override { return powerOfDisplay; }
-    Permissions& permissions() override { return granted; }
+    Power& power() override { return keepAwake; }
+    Permissions& permissions() override { return allowed; }
     System& system() override { return machine; }
+
     std::unique_ptr<EventPosting> makeEventPosting(QueueRef sessionQueue) override
     {
-        return std::make_unique<XtestEventPosting>(std::move(sessionQueue), xDisplay);
+        // Only now, since a second host that is about to be turned away must not disturb the first.
+        std::call_once(tidied, [this] { XtestEventPosting::tidy(display); });
+        return std::make_unique<XtestEventPosting>(std::move(sessionQueue), display);
     }
     std::unique_ptr<Pasteboard> makePasteboard(QueueRef sessionQueue) override
     {
-        return std::make_unique<X11Pasteboard>(std::move(sessionQueue), xDisplay);
+        return std::make_unique<X11Pasteboard>(std::move(sessionQueue), display);
     }
     std::unique_ptr<CursorSource> makeCursorSource() override
     {
-        return std::make_unique<X11CursorSource>(xDisplay);
+        return std::make_unique<X11CursorSource>(display);
     }
 
 private:
-    const std::string xDisplay;
+    const std::string display;
     X11DisplayCapture capture;
     X11DisplayBounds bounds;
     LinuxCompression encoders;
-    X11Power powerOfDisplay;
-    X11Permissions granted;
+    X11Power keepAwake;
+    X11Permissions allowed;
     LinuxSystem machine;
+    std::once_flag tidied;
 };
 
 } // namespace
 
 std::unique_ptr<HostPlatform> makeLinuxPlatform(QueueMaker&, std::string display)
 {
-    return std::make_unique<X11Platform>(std::move(display));
+    return std::make_unique<X11Platform>(display);
+}
+
+std::unique_ptr<System> makeLinuxSystem()
+{
+    return std::make_unique<LinuxSystem>();
 }
 
 } // namespace pelorin

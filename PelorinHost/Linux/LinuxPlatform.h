@@ -8,4 +8,7 @@ namespace pelorin {
 // not there now may be there later, so this never fails.
 std::unique_ptr<HostPlatform> makeLinuxPlatform(QueueMaker& queues, std::string display);
 
+// For programs that only ask a running host.
+std::unique_ptr<System> makeLinuxSystem();
+
 } // namespace pelorin

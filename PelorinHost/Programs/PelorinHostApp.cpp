@@ -1,4 +1,145 @@
-int main()
+#include "PelorinHost/HostController.h"
+#include "PelorinHost/Linux/LinuxPlatform.h"
+#include "PelorinHost/Shell/ControlClient.h"
+#include "PelorinHost/Shell/StatusReport.h"
+#include "PelorinNet/Queue/QueuePool.h"
+
+#include <atomic>
+#include <charconv>
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <pthread.h>
+
+// pelorin-host: the host itself, or a question to the one that runs.
+namespace pelorin {
+namespace {
+
+constexpr int poolThreads = 4; // capture with encoding, session, cursor, and one for the rest
+constexpr int quitDone = SIGUSR1; // how the controller wakes the main thread when all is let go of
+
+struct Options {
+    std::string supportDirectory;
+    std::string logDirectory;
+    std::string display;
+    LogLevel logLevel = LogLevel::info;
+    bool isHeadless = false;
+    bool wantsJSON = false;
+    std::string command; // of a running host; empty: be the host
+};
+
+// An X display, or the number of the display to stream.
+std::optional<std::uint32_t> displayNumber(const std::string& text)
 {
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+void addOptions(CLI::App& app, Options& options)
+{
+    const std::map<std::string, LogLevel> levels{{"debug", LogLevel::debug}, {"info", LogLevel::info},
+        {"warning", LogLevel::warning}, {"error", LogLevel::error}};
+    app.add_flag("--headless", options.isHeadless, "Run without tray and windows");
+    app.add_option("--support-dir", options.supportDirectory, "Directory of settings and control socket");
+    app.add_option("--log-dir", options.logDirectory, "Directory of connections.log");
+    app.add_option("--log-level", options.logLevel, "debug, info, warning or error")
+        ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case));
+    app.add_option("--display", options.display,
+        "X display such as :7, or the id of the display that is streamed by default");
+    app.set_version_flag("--version", "pelorin-host " PELORIN_VERSION);
+
+    const std::pair<const char*, const char*> commands[] = {{"status", "Tell what the running host does"},
+        {"disconnect", "End the running session"}, {"quit", "End the running host"}};
+    for (const auto& [name, description] : commands) {
+        auto* command = app.add_subcommand(name, description)->fallthrough();
+        command->add_flag("--json", options.wantsJSON, "Print JSON");
+        command->callback([&options, name] { options.command = name; });
+    }
+    app.require_subcommand(0, 1);
+}
+
+int ask(const Options& options, const std::filesystem::path& directory)
+{
+    const auto reply = askHost(directory, "{\"command\":\"" + options.command + "\"}");
+    if (!reply) {
+        std::fprintf(stderr, "pelorin-host: %s\n", reply.error().c_str());
+        return 1;
+    }
+    const auto readable = options.wantsJSON ? std::nullopt : readableStatus(*reply);
+    std::fputs((readable ? *readable : *reply).c_str(), stdout);
     return 0;
+}
+
+// Must come before the first thread, which inherits it.
+sigset_t takeSignals()
+{
+    std::signal(SIGPIPE, SIG_IGN); // a peer that is gone is an error code
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, quitDone}) sigaddset(&signals, signal);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+// Until the controller has let go of everything; a signal asks it to.
+void waitForEnd(const sigset_t& signals, Confined<HostController>& controller)
+{
+    int signal = 0;
+    while (sigwait(&signals, &signal) != 0 || signal != quitDone)
+        controller.run([](HostController& running) { running.quit(); });
+}
+
+int run(const Options& options, HostPlatform& platform, QueuePool& pool, HostController::Places places,
+    const sigset_t& signals)
+{
+    const QueueRef mainQueue = pool.makeQueue("main");
+    const SessionSurroundings surroundings{platform, pool, displayNumber(options.display)};
+    const auto listen = [&pool](QueueRef queue, const std::string& address, std::uint16_t port) {
+        return TcpListener::listen(pool, std::move(queue), address, port);
+    };
+    Confined<HostController> controller(mainQueue,
+        [&] { return std::make_unique<HostController>(surroundings, listen, std::move(places), mainQueue); });
+    std::atomic<int> exitCode = 0;
+    const auto wakeMain = [mainThread = pthread_self()] { pthread_kill(mainThread, quitDone); };
+    controller.run([&exitCode, wakeMain](HostController& starting) {
+        starting.onQuit = wakeMain;
+        const auto started = starting.start();
+        if (started) return;
+        std::fprintf(stderr, "pelorin-host: %s\n", started.error().c_str());
+        exitCode = 1;
+        wakeMain();
+    });
+    waitForEnd(signals, controller);
+    return exitCode;
+}
+
+int main(int argumentCount, char** arguments)
+{
+    CLI::App app("Pelorin Host: makes this desktop reachable from a paired phone");
+    Options options;
+    addOptions(app, options);
+    CLI11_PARSE(app, argumentCount, arguments);
+    Log::setLevel(options.logLevel);
+
+    const auto system = makeLinuxSystem();
+    HostController::Places places{system->supportDirectory(), system->logDirectory()};
+    if (!options.supportDirectory.empty()) places.supportDirectory = options.supportDirectory;
+    if (!options.logDirectory.empty()) places.logDirectory = options.logDirectory;
+    if (!options.command.empty()) return ask(options, places.supportDirectory);
+
+    const sigset_t signals = takeSignals();
+    std::unique_ptr<HostPlatform> platform; // outlives the pool, whose last tasks still use it
+    QueuePool pool(poolThreads);
+    platform = makeLinuxPlatform(pool, displayNumber(options.display) ? "" : options.display);
+    return run(options, *platform, pool, std::move(places), signals);
+}
+
+} // namespace
+} // namespace pelorin
+
+int main(int argumentCount, char** arguments)
+{
+    return pelorin::main(argumentCount, arguments);
 }
