@@ -38,7 +38,9 @@ std::optional<Keysym> controlKeysym(char32_t character)
 Keysym keysymOf(char32_t character)
 {
     if (const auto control = controlKeysym(character)) return *control;
-    if (character < 0x20 || (character >= 0x80 && character < 0xA0)) return XKB_KEY_NoSymbol;
+    const bool isControl = character < 0x20 || (character >= 0x80 && character < 0xA0);
+    const bool isSurrogate = character >= 0xD800 && character < 0xE000;
+    if (isControl || isSurrogate) return XKB_KEY_NoSymbol;
     return xkb_utf32_to_keysym(character);
 }
 

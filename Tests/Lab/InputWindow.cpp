@@ -100,26 +100,6 @@ void InputWindow::take(const xcb_generic_event_t& event)
     }
 }
 
-std::string InputWindow::keyboardMapping() const
-{
-    const auto* setup = xcb_get_setup(connection.get());
-    const int count = setup->max_keycode - setup->min_keycode + 1;
-    const auto reply = connection.reply<xcb_get_keyboard_mapping_reply_t>(
-        xcb_get_keyboard_mapping(connection.get(), setup->min_keycode, static_cast<std::uint8_t>(count)),
-        patience);
-    if (!reply) return "no reply";
-    const auto* keysyms = xcb_get_keyboard_mapping_keysyms(reply.get());
-    std::string text;
-    for (int key = 0; key < count; ++key) {
-        std::string line;
-        for (int i = 0; i < reply->keysyms_per_keycode; ++i)
-            if (const auto keysym = keysyms[key * reply->keysyms_per_keycode + i])
-                line += fmt::format(" {}:{:x}", i, keysym);
-        if (!line.empty()) text += fmt::format("{}{}\n", setup->min_keycode + key, line);
-    }
-    return text;
-}
-
 bool InputWindow::isKeyDown(std::uint8_t keycode) const
 {
     const auto reply

@@ -20,8 +20,6 @@ public:
     std::vector<std::string> eventsUntil(const std::string& lastEvent);
     // What came since, without waiting for more than what the server has already carried out.
     std::vector<std::string> eventsNow();
-    // The keysyms of every keycode, as a string that can be compared.
-    std::string keyboardMapping() const;
     bool isKeyDown(std::uint8_t keycode) const; // in the server's own record
     std::uint16_t pointerMask() const; // buttons and modifiers that are down
 

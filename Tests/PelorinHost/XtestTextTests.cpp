@@ -1,0 +1,138 @@
+#include "PelorinCore/Keys/KeyMapping.h"
+#include "PelorinCore/Keys/MacKey.h"
+#include "PelorinHost/Input/InputInjector.h"
+#include "PelorinHost/Linux/XtestEventPosting.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "PelorinNet/Queue/QueuePool.h"
+#include "Tests/Fakes/FakeDisplayBounds.h"
+#include "Tests/Lab/Programs.h"
+#include "Tests/Lab/Wait.h"
+#include "Tests/Lab/XServer.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <future>
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+// A phone at a desktop whose one application is a terminal that writes what is typed, line by line, to a
+// file. Real time: the terminal looks keys up at its own pace.
+struct XtestTextTest : testing::Test {
+    lab::XServer server;
+    lab::TemporaryFolder folder;
+    const std::string mappingBefore = keyboardMapping();
+    std::unique_ptr<lab::Process> terminal;
+
+    QueuePool pool{1};
+    QueueRef queue = pool.makeQueue("dev.pelorin.host.session");
+    fakes::FakeDisplayBounds displays;
+    std::unique_ptr<XtestEventPosting> posting;
+    std::unique_ptr<InputInjector> injector;
+
+    ~XtestTextTest() override { endSession(); }
+
+    std::string keyboardMapping() const { return server.run({"xmodmap", "-pke"}); }
+
+    void openTerminal(const std::string& command)
+    {
+        const auto ready = folder.path() / "ready";
+        terminal = server.launch({"env", "LC_ALL=C.UTF-8", "xterm", "-u8", "-geometry", "150x40+0+0", "-e",
+            "sh", "-c", "cd " + folder.path().string() + "; stty -ixon; " + "touch ready; " + command});
+        ASSERT_TRUE(lab::eventually([&] { return std::filesystem::exists(ready); }));
+    }
+
+    template <class Action>
+    void onQueue(Action action)
+    {
+        std::promise<void> done;
+        queue->post([&] {
+            action();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+
+    void beginSession()
+    {
+        onQueue([&] {
+            posting = std::make_unique<XtestEventPosting>(queue, server.display());
+            injector = std::make_unique<InputInjector>(*posting, displays, *queue);
+            injector->move(-300, -200); // the focus follows the pointer: there is no window manager
+        });
+    }
+    void endSession()
+    {
+        onQueue([&] {
+            injector.reset();
+            posting.reset();
+        });
+    }
+    void type(const std::string& text)
+    {
+        onQueue([&] { injector->typeText(text); });
+    }
+
+    std::string typed() const { return lab::contentOf(folder.path() / "typed"); }
+    // What the file holds once it ends with that.
+    std::string typedUntil(const std::string& end) const
+    {
+        lab::eventually([&] { return typed().ends_with(end); });
+        return typed();
+    }
+};
+
+// Where two texts part, in a few characters; empty when they don't.
+std::string difference(const std::string& actual, const std::string& expected)
+{
+    if (actual == expected) return {};
+    const auto at = static_cast<std::size_t>(std::ranges::mismatch(actual, expected).in1 - actual.begin());
+    const auto from = at < 12 ? 0 : at - 12;
+    return fmt::format("at {}: \"{}\" instead of \"{}\"; {} bytes instead of {}", at,
+        actual.substr(std::min(from, actual.size()), 30), expected.substr(from, 30), actual.size(),
+        expected.size());
+}
+
+std::string utf8(char32_t c)
+{
+    std::string text;
+    if (c < 0x80) return {static_cast<char>(c)};
+    if (c < 0x800)
+        text += static_cast<char>(0xC0 | (c >> 6));
+    else if (c < 0x10000)
+        text += static_cast<char>(0xE0 | (c >> 12));
+    else
+        text += static_cast<char>(0xF0 | (c >> 18));
+    if (c >= 0x10000) text += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    if (c >= 0x800) text += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    text += static_cast<char>(0x80 | (c & 0x3F));
+    return text;
+}
+
+TEST_F(XtestTextTest, typesAllWritingsIntoATerminalAndLeavesTheKeyboardAsItWas)
+{
+    openTerminal("cat > typed");
+    beginSession();
+    const std::string first = "Grüße aus Köln, 5 € für ein „Zitat“ – ça va?\tnaïve [x]\\{y} ~@#\n"
+                              "你好，世界！这是一个测试。\nПривет, мир! Ελληνικά ελληνικά\n"
+                              "emoji: 😀👍🏽👨‍👩‍👧 done\n";
+    type(first);
+    EXPECT_EQ(difference(typedUntil("done\n"), first), "");
+
+    // More characters than there are spare keycodes, none of them twice.
+    std::string long_;
+    for (char32_t c = 0; c < 2000; ++c) long_ += utf8(0x4E00 + c) + (c % 40 == 39 ? "\n" : "");
+    type(long_ + "end\n");
+    EXPECT_EQ(difference(typedUntil("end\n"), first + long_ + "end\n"), "");
+
+    endSession(); // leaves what was typed last to applications that still look it up
+    XtestEventPosting::tidy(server.display());
+    EXPECT_EQ(keyboardMapping(), mappingBefore);
+}
+
+} // namespace
+} // namespace pelorin
