@@ -5,7 +5,13 @@
 namespace pelorin {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int maxStreamRestarts = 2; // in a session; a capture that keeps stopping won't get better
+
+// A display server that goes down hangs up on its clients one after another: asked at once, it still lists a
+// display that can't be captured any more.
+constexpr auto restartPause = 200ms;
 
 } // namespace
 
@@ -36,6 +42,7 @@ auto StreamKeeper::reporting(Report report)
 void StreamKeeper::start()
 {
     queue->assertCurrent();
+    pendingRestart.cancel();
     ++streamGeneration;
     streamer.reset(); // two captures of one display would only slow each other down
     streamer = std::make_unique<ScreenStreamer>(capture, compression, captureQueue, settingsNow());
@@ -62,7 +69,9 @@ void StreamKeeper::streamFailed(std::string reason)
     }
     ++streamRestarts;
     log.warning("capture stopped ({}); restarting", reason);
-    start();
+    ++streamGeneration; // whatever the stopped one still says
+    streamer->stop();
+    pendingRestart = queue->after(restartPause, [this] { start(); });
 }
 
 void StreamKeeper::giveUp(SessionEnd how)

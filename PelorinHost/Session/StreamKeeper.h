@@ -40,6 +40,7 @@ private:
     std::unique_ptr<ScreenStreamer> streamer;
     int streamGeneration = 0; // raised by every start; reports of an older one are stale
     int streamRestarts = 0;
+    Subscription pendingRestart;
     Lifetime lifetime;
 };
 

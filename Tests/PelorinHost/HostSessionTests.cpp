@@ -293,6 +293,8 @@ TEST_F(SessionTest, restartsAStoppedCaptureTwiceAndThenGivesUp)
     for (const int streams : {2, 3}) {
         platform.capture.stream->stopByItself("the display went away");
         queues.runReady();
+        EXPECT_EQ(platform.capture.stream, nullptr) << "nothing is left of the stopped one";
+        queues.advance(200ms);
         EXPECT_EQ(platform.capture.streamsMade, streams);
         feed();
         EXPECT_TRUE(phone->last<message::VideoFrame>().isKeyframe);
@@ -318,7 +320,7 @@ TEST_F(SessionTest, ignoresWhatAnOlderStreamStillReports)
     begin();
     platform.capture.stream->stopByItself("once");
     platform.capture.stream->stopByItself("and again, from the stream that is being replaced");
-    queues.runReady();
+    queues.advance(1s);
     EXPECT_EQ(platform.capture.streamsMade, 2);
 }
 
