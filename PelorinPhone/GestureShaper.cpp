@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 // points can be hit, and a quick sweep over the glass crosses the desktop.
 constexpr PointerAcceleration fingerAcceleration{1.2, 1.0};
 
-// A mouse has a table to move on, and the counts it gives are points already.
-constexpr PointerAcceleration mouseAcceleration{1.0, 0.5};
+// A mouse's motion has been accelerated by the viewer's own desktop, as its user likes it.
+constexpr PointerAcceleration mouseAcceleration{1.0, 0};
 
 // What desktops take for a double click. The distance is that of a fingertip set down twice, in desktop
 // points.

@@ -38,7 +38,7 @@ public:
     // The system took the fingers away from us: nothing that they began is completed.
     void cancelTouches();
 
-    void moveMouse(double dx, double dy); // counts of motion as the mouse gives them
+    void moveMouse(double dx, double dy); // points
     void pressMouse(MouseButton button, bool isDown);
     void turnWheel(double clicksX, double clicksY); // positive: content moves right and down
 

@@ -42,6 +42,9 @@ struct Library {
     Library()
     {
         SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1"); // the program reads its signals itself
+        // Motion as the user's desktop accelerates it, instead of the device's raw counts. Devices that
+        // report places, as those of virtual machines and remote desktops, have no raw motion at all.
+        SDL_SetHint(SDL_HINT_MOUSE_RELATIVE_MODE_WARP, "1");
         isStarted = SDL_Init(SDL_INIT_VIDEO) == 0;
     }
     ~Library() { SDL_Quit(); }
