@@ -1,27 +1,24 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 
 #include "PelorinCore/Result.h"
+#include "PelorinNet/Queue/TimerMap.h"
 
 #include <algorithm>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <poll.h>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace pelorin {
 namespace {
 
 class ManualQueue;
-class ManualTimer;
 class ManualWatch;
 
 } // namespace
 
-struct ManualQueues::Engine {
-    using Timers = std::multimap<SteadyTime, std::weak_ptr<ManualTimer>>; // those of one time stay in order
+struct ManualQueues::Engine final : TimerMap {
     struct Posted {
         const SerialQueue* queue = nullptr; // only compared: the queue may be gone before its tasks
         Task task;
@@ -31,12 +28,15 @@ struct ManualQueues::Engine {
     void runReady();
     void advanceTo(SteadyTime target);
     void stop();
+    // Outside of tasks the driving thread is on every queue.
+    bool isCurrent(const SerialQueue* queue) const
+    {
+        return std::this_thread::get_id() == drivingThread && (!running || running == queue);
+    }
+    bool mayCancel(const SerialQueue* queue) const override { return isCurrent(queue); }
 
-    const std::thread::id drivingThread = std::this_thread::get_id();
     SteadyTime now{std::chrono::hours(24)};
     Duration wallAhead = std::chrono::hours(24 * 365 * 54); // of the steady clock: a day early in 2024
-    const SerialQueue* running = nullptr;
-    Timers timers;
     std::vector<std::weak_ptr<ManualWatch>> watches;
 
 private:
@@ -44,6 +44,8 @@ private:
     bool runDue();
     bool runReadable();
 
+    const std::thread::id drivingThread = std::this_thread::get_id();
+    const SerialQueue* running = nullptr;
     std::mutex lock; // guards ready and isStopped
     std::deque<Posted> ready;
     bool isStopped = false;
@@ -52,46 +54,6 @@ private:
 namespace {
 
 using EngineRef = std::shared_ptr<ManualQueues::Engine>;
-
-class ManualTimer final : public Subscription::State {
-public:
-    ManualTimer(EngineRef newEngine, const SerialQueue* newQueue, Task newTask)
-        : queue(newQueue),
-          engine(std::move(newEngine)),
-          task(std::move(newTask))
-    {
-    }
-
-    void start(SteadyTime due, const std::shared_ptr<ManualTimer>& self)
-    {
-        position = engine->timers.emplace(due, self);
-        isPending = true;
-    }
-
-    void fire()
-    {
-        if (task) std::exchange(task, nullptr)();
-    }
-
-    void leaveTimers() // the position is void from here on
-    {
-        if (std::exchange(isPending, false)) engine->timers.erase(position);
-    }
-
-    void cancel() override
-    {
-        leaveTimers();
-        task = nullptr;
-    }
-
-    const SerialQueue* const queue;
-
-private:
-    const EngineRef engine;
-    Task task;
-    ManualQueues::Engine::Timers::iterator position;
-    bool isPending = false;
-};
 
 class ManualWatch final : public Subscription::State {
 public:
@@ -138,9 +100,7 @@ public:
     Subscription after(Duration delay, Task task) override
     {
         assertCurrent();
-        auto timer = std::make_shared<ManualTimer>(engine, this, std::move(task));
-        timer->start(engine->now + std::max(delay, Duration::zero()), timer);
-        return Subscription(std::move(timer));
+        return engine->add(engine->now + delay, this, std::move(task));
     }
 
     Subscription whenReadable(int fd, std::function<void()> task) override
@@ -158,12 +118,7 @@ public:
             engine->now.time_since_epoch() + engine->wallAhead));
     }
 
-    bool isCurrent() const override
-    {
-        if (std::this_thread::get_id() != engine->drivingThread) return false;
-        return !engine->running || engine->running == this;
-    }
-
+    bool isCurrent() const override { return engine->isCurrent(this); }
     const std::string& label() const override { return queueLabel; }
 
 private:
@@ -204,15 +159,12 @@ bool ManualQueues::Engine::runPosted()
 // Everything due is posted before any of it runs, as the timers of a real queue that was late.
 bool ManualQueues::Engine::runDue()
 {
-    if (timers.empty() || timers.begin()->first > now) return false;
-    while (!timers.empty() && timers.begin()->first <= now) {
-        const auto timer = timers.begin()->second.lock(); // never null: a timer leaves the map when it goes
-        timer->leaveTimers();
+    const auto due = takeDue(now);
+    for (const auto& timer : due)
         post(timer->queue, [watch = std::weak_ptr(timer)] {
             if (const auto fired = watch.lock()) fired->fire();
         });
-    }
-    return true;
+    return !due.empty();
 }
 
 bool ManualQueues::Engine::runReadable()
@@ -236,8 +188,8 @@ bool ManualQueues::Engine::runReadable()
 void ManualQueues::Engine::advanceTo(SteadyTime target)
 {
     runReady();
-    while (!timers.empty() && timers.begin()->first <= target) {
-        now = std::max(now, timers.begin()->first);
+    while (nextDue() && *nextDue() <= target) {
+        now = std::max(now, *nextDue());
         runReady();
     }
     now = std::max(now, target);

@@ -3,13 +3,14 @@
 #include "PelorinCore/Result.h"
 #include "PelorinNet/Log.h"
 #include "PelorinNet/Queue/PoolEngine.h"
+#include "PelorinNet/Queue/TimerMap.h"
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <fcntl.h>
-#include <utility>
+#include <poll.h>
 
 namespace pelorin {
 namespace asio = boost::asio;
@@ -17,60 +18,62 @@ using boost::system::error_code;
 
 namespace {
 
-// What timers and watches have in common: they are cancelled on their queue, or once nothing runs any more.
-class PoolSubscription : public Subscription::State {
-protected:
-    PoolSubscription(EngineRef newEngine, Strand newStrand)
+// One queue's timers, woken by one timer of the system. Owned by the queue and by their subscriptions.
+class PoolTimers final : public TimerMap {
+public:
+    PoolTimers(EngineRef newEngine, Strand newStrand)
         : engine(std::move(newEngine)),
-          strand(std::move(newStrand))
+          strand(std::move(newStrand)),
+          alarm(engine->context)
     {
     }
 
-    void assertMayTouch() const
+    Subscription after(Duration delay, const SerialQueue* queue, Task task)
     {
-        require(strand.running_in_this_thread() || engine->isStopped(),
-            "a subscription is cancelled on its own queue only");
+        auto subscription = add(std::chrono::steady_clock::now() + delay, queue, std::move(task));
+        setAlarm();
+        return subscription;
+    }
+
+private:
+    // An alarm that is too early, because its timer was cancelled, costs less than setting it anew each time.
+    void setAlarm()
+    {
+        const auto due = nextDue();
+        if (!due || (alarmTime && *alarmTime <= *due)) return;
+        alarmTime = due;
+        alarm.expires_at(*due);
+        alarm.async_wait(
+            asio::bind_executor(strand, [watch = std::weak_ptr(shared_from_this())](error_code error) {
+                const auto self = std::static_pointer_cast<PoolTimers>(watch.lock());
+                if (self && !error) self->fireDue();
+            }));
+    }
+
+    void fireDue()
+    {
+        alarmTime.reset();
+        const auto due = takeDue(std::chrono::steady_clock::now());
+        setAlarm();
+        for (const auto& timer : due) timer->fire();
+    }
+
+    bool mayCancel(const SerialQueue*) const override
+    {
+        return strand.running_in_this_thread() || engine->isStopped();
     }
 
     const EngineRef engine;
     const Strand strand;
+    asio::steady_timer alarm;
+    std::optional<SteadyTime> alarmTime; // while the alarm is set
 };
 
-class PoolTimer final : public PoolSubscription, public std::enable_shared_from_this<PoolTimer> {
-public:
-    PoolTimer(EngineRef newEngine, Strand newStrand, Task newTask)
-        : PoolSubscription(std::move(newEngine), std::move(newStrand)),
-          task(std::move(newTask)),
-          timer(engine->context)
-    {
-    }
-
-    void start(Duration delay)
-    {
-        timer.expires_after(delay);
-        timer.async_wait(asio::bind_executor(strand, [watch = weak_from_this()](error_code) {
-            // The task is gone when we were cancelled, even with this handler queued before that.
-            const auto self = watch.lock();
-            if (self && self->task) std::exchange(self->task, nullptr)();
-        }));
-    }
-
-    void cancel() override
-    {
-        assertMayTouch();
-        timer.cancel();
-        task = nullptr;
-    }
-
-private:
-    Task task;
-    asio::steady_timer timer;
-};
-
-class PoolWatch final : public PoolSubscription, public std::enable_shared_from_this<PoolWatch> {
+class PoolWatch final : public Subscription::State, public std::enable_shared_from_this<PoolWatch> {
 public:
     PoolWatch(EngineRef newEngine, Strand newStrand, std::function<void()> newTask)
-        : PoolSubscription(std::move(newEngine), std::move(newStrand)),
+        : engine(std::move(newEngine)),
+          strand(std::move(newStrand)),
           task(std::move(newTask)),
           descriptor(engine->context)
     {
@@ -90,7 +93,8 @@ public:
 
     void cancel() override
     {
-        assertMayTouch();
+        require(strand.running_in_this_thread() || engine->isStopped(),
+            "a subscription is cancelled on its own queue only");
         isCancelled = true;
         release();
         task = nullptr;
@@ -108,6 +112,7 @@ private:
     void fire()
     {
         if (isCancelled) return;
+        if (!isReadable()) return waitReadable();
         // Moved out for the call: the task may cancel us, and its captures must outlive its own run.
         auto running = std::move(task);
         running();
@@ -116,12 +121,22 @@ private:
         waitReadable();
     }
 
+    // With several threads the reactor may report what the task's last run has read meanwhile; a task that
+    // reads a blocking descriptor would hang on that.
+    bool isReadable()
+    {
+        pollfd polled{descriptor.native_handle(), POLLIN, 0};
+        return ::poll(&polled, 1, 0) > 0;
+    }
+
     // Destruction would close what is not ours.
     void release()
     {
         if (descriptor.is_open()) descriptor.release();
     }
 
+    const EngineRef engine;
+    const Strand strand;
     std::function<void()> task;
     asio::posix::stream_descriptor descriptor;
     bool isCancelled = false;
@@ -132,7 +147,8 @@ public:
     PoolQueue(EngineRef newEngine, std::string newLabel)
         : engine(std::move(newEngine)),
           queueStrand(engine->context.get_executor()),
-          queueLabel(std::move(newLabel))
+          queueLabel(std::move(newLabel)),
+          timers(std::make_shared<PoolTimers>(engine, queueStrand))
     {
     }
 
@@ -141,9 +157,7 @@ public:
     Subscription after(Duration delay, Task task) override
     {
         assertCurrent();
-        auto timer = std::make_shared<PoolTimer>(engine, queueStrand, std::move(task));
-        timer->start(delay);
-        return Subscription(std::move(timer));
+        return timers->after(delay, this, std::move(task));
     }
 
     Subscription whenReadable(int fd, std::function<void()> task) override
@@ -166,6 +180,7 @@ private:
     const EngineRef engine;
     const Strand queueStrand;
     const std::string queueLabel;
+    const std::shared_ptr<PoolTimers> timers;
 };
 
 } // namespace
