@@ -210,16 +210,16 @@ void TcpLink::writeFailed(error_code error)
     socket.shutdown(TcpSocket::shutdown_both, ignored);
 }
 
-// Sends made until then go out together.
+// Sends made until then go out together. The socket is asked first, as nearly always the answer is yes and
+// the way through the reactor costs a wake-up; and asked again after a wait, as the reactor's answer may be
+// outdated.
 void TcpLink::awaitWritable()
 {
     isAwaitingWritable = true;
-    auto handler = [self = shared_from_this()](error_code = {}) { self->writable(); };
-    // Asked directly first: nearly always the answer is yes, and the way through the reactor costs a wake-up.
-    if (isWritable())
-        asio::post(strandOf(*queue), std::move(handler));
-    else
-        socket.async_wait(TcpSocket::wait_write, onQueue(std::move(handler)));
+    if (!socket.is_open() || isWritable())
+        return asio::post(strandOf(*queue), [self = shared_from_this()] { self->writable(); });
+    socket.async_wait(
+        TcpSocket::wait_write, onQueue([self = shared_from_this()](error_code) { self->awaitWritable(); }));
 }
 
 bool TcpLink::isWritable()
