@@ -192,6 +192,23 @@ TYPED_TEST(AnyQueue, watchesADescriptorThatStaysTheCallers)
     EXPECT_TRUE(this->waitUntil([&] { return closed; }));
 }
 
+TYPED_TEST(AnyQueue, neverReportsADescriptorReadableForWhatWasReadAlready)
+{
+    constexpr int count = 5000;
+    Pipe pipe;
+    int received = 0;
+    Subscription watch;
+    this->runOn([&] {
+        watch = this->queue->whenReadable(pipe.ends[0], [&] {
+            pipe.readOne(); // would block for good
+            ++received;
+        });
+    });
+    for (int i = 0; i < count; ++i) pipe.write("x");
+    EXPECT_TRUE(this->waitUntil([&] { return received == count; }));
+    this->runOn([&] { watch.cancel(); });
+}
+
 TYPED_TEST(AnyQueue, survivesEveryOrderOfDestruction)
 {
     for (const std::string order : {"PQS", "PSQ", "QPS", "QSP", "SPQ", "SQP"}) {
