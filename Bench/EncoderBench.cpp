@@ -78,7 +78,7 @@ void measure(const Content& content, const X264Compression::Tuning& tuning, int 
         CompressedSample sample;
         const double cpuBefore = processorMs();
         const auto before = std::chrono::steady_clock::now();
-        session.encode(buffer, SteadyTime(1s * frame / frameRate), false,
+        session.encode(buffer, SteadyTime(1'000'000'000ns * frame / frameRate), false,
             [&](CompressionStatus, CompressedSample output) { sample = std::move(output); });
         const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - before;
         const double cpu = processorMs() - cpuBefore;

@@ -8,7 +8,7 @@ namespace {
 
 // A picture that takes more than this of the path's time is felt as a freeze; less would starve a picture
 // that changes as a whole.
-constexpr double maxBucketSeconds = 0.25;
+constexpr double maxBucketSeconds = 0.2;
 constexpr double minBucketSeconds = 0.05; // a few frames, or rate control can't work
 
 bool isCodecsProfile(VideoCodec codec, ProfileLevel profile)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <thread>
 
 #include <x264.h>
@@ -14,6 +15,9 @@ namespace {
 
 // Without a floor a still screen burns megabits on differences that no eye sees.
 constexpr int quantizerFloor = 16;
+constexpr double bucketShareOfOnePicture = 0.5;
+constexpr double leastFrameShare = 0.5; // a picture that comes early is still worth half a frame
+constexpr double timeStep = 0.1; // of a frame; less isn't worth telling x264
 constexpr int macroblockPx = 16;
 constexpr int minSidePx = 16;
 constexpr int maxSidePx = 8192;
@@ -34,8 +38,9 @@ public:
 
 private:
     CompressionStatus takeSettings();
-    CompressionStatus open(const CompressionSettings& settings);
-    void applyRate(const CompressionSettings& settings);
+    CompressionStatus open();
+    void giveTime(SteadyTime presentationTime);
+    void setRate(double seconds);
     void readParameterSets(bool isConstrainedHigh);
     std::uint8_t* constantMacroblocks(const PixelBuffer& picture);
     void markChanged(const PixelRect& rect);
@@ -54,7 +59,9 @@ private:
     std::vector<std::uint8_t> macroblockInfo;
     std::optional<std::uint64_t> encodedSequence; // of the picture that the decoder has last
     std::int64_t pictureCount = 0;
-    std::chrono::duration<double> keyframeInterval{60};
+    CompressionSettings settings;
+    double secondsGiven = 0; // to the coming picture, of the rate
+    std::optional<SteadyTime> lastPicture;
     SteadyTime lastKeyframe;
 };
 
@@ -64,7 +71,8 @@ X264Session::X264Session(const CompressionRequest& asked, X264Compression::Tunin
       macroblocksWide((asked.widthPx + macroblockPx - 1) / macroblockPx),
       macroblocksHigh((asked.heightPx + macroblockPx - 1) / macroblockPx),
       shared(asked),
-      macroblockInfo(static_cast<std::size_t>(macroblocksWide) * macroblocksHigh)
+      macroblockInfo(static_cast<std::size_t>(macroblocksWide) * macroblocksHigh),
+      settings(asked)
 {
 }
 
@@ -90,7 +98,9 @@ CompressionStatus X264Session::encode(
         return compressionStatus::badParameter;
     if (const auto status = takeSettings(); status != compressionStatus::success) return status;
 
-    const bool isDue = presentationTime - lastKeyframe >= keyframeInterval;
+    giveTime(presentationTime);
+    const std::chrono::duration<double> sinceKeyframe = presentationTime - lastKeyframe;
+    const bool isDue = sinceKeyframe.count() >= settings.keyframeIntervalSeconds;
     x264_picture_t input;
     x264_picture_init(&input);
     input.i_type = forceKeyframe || isDue ? X264_TYPE_IDR : X264_TYPE_AUTO;
@@ -123,9 +133,10 @@ CompressionStatus X264Session::encode(
 
 CompressionStatus X264Session::takeSettings()
 {
-    const auto settings = shared.takeChanged();
-    if (!encoder) return settings ? open(*settings) : compressionStatus::failed;
-    if (settings) applyRate(*settings);
+    const auto changed = shared.takeChanged();
+    if (changed) settings = *changed;
+    if (!encoder) return changed ? open() : compressionStatus::failed;
+    if (changed) setRate(secondsGiven);
     return compressionStatus::success;
 }
 
@@ -139,7 +150,7 @@ int threadsFor(const CompressionRequest& request)
     return std::clamp(bySize, 1, std::max(1, processors / 2));
 }
 
-CompressionStatus X264Session::open(const CompressionSettings& settings)
+CompressionStatus X264Session::open()
 {
     if (x264_param_default_preset(&parameters, tuning.preset.c_str(), "zerolatency") < 0)
         return compressionStatus::badParameter;
@@ -155,7 +166,6 @@ CompressionStatus X264Session::open(const CompressionSettings& settings)
     parameters.i_bframe = 0;
     parameters.i_keyint_max = settings.keyframeInterval;
     parameters.i_scenecut_threshold = 0; // a keyframe costs more than it saves, and nobody waits for one
-    keyframeInterval = std::chrono::duration<double>(settings.keyframeIntervalSeconds);
 
     parameters.b_annexb = 0;
     parameters.b_repeat_headers = 0;
@@ -171,9 +181,12 @@ CompressionStatus X264Session::open(const CompressionSettings& settings)
     parameters.b_deblocking_filter = 0;
     parameters.analyse.b_transform_8x8 = 1; // what makes it High
     parameters.analyse.b_mb_info = 1;
-    parameters.rc.i_rc_method = X264_RC_ABR;
+    // A fixed quality under the bucket's limit. Aiming at an average instead, x264 makes up for a large
+    // picture with dozens of poor ones after it.
+    parameters.rc.i_rc_method = X264_RC_CRF;
+    parameters.rc.f_rf_constant = quantizerFloor;
     parameters.rc.i_qp_min = quantizerFloor;
-    applyRate(settings);
+    setRate(1.0 / settings.frameRate);
     if (x264_param_apply_profile(&parameters, "high") < 0) return compressionStatus::badParameter;
 
     encoder = x264_encoder_open(&parameters);
@@ -182,11 +195,26 @@ CompressionStatus X264Session::open(const CompressionSettings& settings)
     return compressionStatus::success;
 }
 
-void X264Session::applyRate(const CompressionSettings& settings)
+// Pictures come when the screen changes, yet x264 counts on a steady rate: each would get a frame's share,
+// however long the path was idle. So each gets the bits of the time that really passed since the last.
+void X264Session::giveTime(SteadyTime presentationTime)
 {
-    // Equal average and maximum make x264 forget old rates within a bucket or two.
-    parameters.rc.i_bitrate = std::max(1, settings.bitsPerSecond / 1000);
-    parameters.rc.i_vbv_max_bitrate = parameters.rc.i_bitrate;
+    const double frame = 1.0 / settings.frameRate;
+    // More at a time would make x264 spend the whole bucket on one picture.
+    const double most
+        = std::max(frame, bucketShareOfOnePicture * settings.bucketBits() / settings.bitsPerSecond);
+    double seconds = most;
+    if (lastPicture) seconds = std::chrono::duration<double>(presentationTime - *lastPicture).count();
+    lastPicture = presentationTime;
+    seconds = std::clamp(seconds, leastFrameShare * frame, most);
+    if (std::abs(seconds - secondsGiven) > timeStep * frame) setRate(seconds);
+}
+
+void X264Session::setRate(double seconds)
+{
+    secondsGiven = seconds;
+    const double bitsPerFrame = settings.bitsPerSecond * seconds;
+    parameters.rc.i_vbv_max_bitrate = std::max(1, static_cast<int>(bitsPerFrame * settings.frameRate / 1000));
     parameters.rc.i_vbv_buffer_size = std::max(1, settings.bucketBits() / 1000);
     if (encoder) x264_encoder_reconfig(encoder, &parameters);
 }

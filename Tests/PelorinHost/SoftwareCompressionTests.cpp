@@ -59,7 +59,7 @@ public:
         ASSERT_EQ(status, 0);
         ASSERT_TRUE(isOut) << "an access unit comes out within its own encode";
         checkForm();
-        now += frameTime;
+        now += pace;
         auto out = decoder.decode(sample);
         ASSERT_TRUE(out);
         decoded = std::move(*out);
@@ -73,6 +73,7 @@ public:
     CompressedSample sample;
     DecodedPicture decoded;
     std::unique_ptr<CompressionSession> session;
+    Duration pace = frameTime; // from picture to picture
 
 private:
     void checkForm() const
@@ -273,6 +274,24 @@ TEST(X264Compression, followsANewBitrateWithinASecondAndWithoutAKeyframe)
         secondsRate();
         EXPECT_NEAR(secondsRate(), rate, rate * 0.2);
     }
+}
+
+// Bits that a pause left unused are the next picture's: ten pictures a second get what sixty would.
+TEST(X264Compression, givesEachPictureTheBitsOfTheTimeThatPassed)
+{
+    const auto bitsOfASecond = [](int picturesPerSecond) {
+        Stream stream(VideoCodec::h264, 640, 400, 2'000'000);
+        stream.pace = 1'000'000'000ns / picturesPerSecond;
+        std::size_t bytes = 0;
+        for (int i = 0; i < 2 * picturesPerSecond; ++i) {
+            stream.picture.drawWaves(stream.picture.whole(), i);
+            stream.encodeNext();
+            if (i >= picturesPerSecond) bytes += stream.sample.data.size();
+        }
+        return static_cast<double>(bytes) * 8;
+    };
+    for (const int picturesPerSecond : {10, 30, 60})
+        EXPECT_NEAR(bitsOfASecond(picturesPerSecond), 2e6, 0.4e6) << picturesPerSecond;
 }
 
 TEST_P(SoftwareCompression, makesAKeyframeAtLeastEverySixtySeconds)
