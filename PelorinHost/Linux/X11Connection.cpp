@@ -1,6 +1,7 @@
 #include "PelorinHost/Linux/X11Connection.h"
 
 #include <future>
+#include <mutex>
 #include <poll.h>
 #include <thread>
 #include <xcb/xcbext.h>
@@ -29,6 +30,10 @@ Result<X11Connection, PlatformError> X11Connection::open(const std::string& disp
     std::promise<Opened> promise;
     auto future = promise.get_future();
     std::thread([promise = std::move(promise), shown]() mutable {
+        // Xau, which xcb asks for the cookie, works in a static buffer of its own; so does the lock have to
+        // be.
+        static std::mutex oneAtATime;
+        const std::lock_guard guard(oneAtATime);
         Opened opened;
         opened.handle.reset(xcb_connect(shown.c_str(), &opened.screenNumber));
         promise.set_value(std::move(opened));
