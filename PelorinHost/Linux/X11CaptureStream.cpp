@@ -10,13 +10,6 @@
 namespace pelorin {
 namespace {
 
-std::optional<ShareableDisplay> findDisplay(const X11Connection& connection, std::uint32_t id)
-{
-    for (auto& display : queryMonitors(connection))
-        if (display.id == id) return std::move(display);
-    return std::nullopt;
-}
-
 bool isValid(const CaptureConfiguration& c)
 {
     return c.widthPx > 0 && c.heightPx > 0 && c.widthPx % 2 == 0 && c.heightPx % 2 == 0 && c.maxFrameRate > 0;
@@ -34,12 +27,12 @@ Result<std::unique_ptr<CaptureStream>, PlatformError> X11CaptureStream::open(con
     std::unique_ptr<X11CaptureStream> stream(
         new X11CaptureStream(std::move(*connection), std::move(captureQueue)));
     watchMonitors(stream->connection); // before the question, so that no change falls between
-    auto display = findDisplay(stream->connection, displayID);
-    if (!display) return std::unexpected(PlatformError{fmt::format("there is no display {}", displayID)});
-    auto grabber = X11ScreenGrabber::open(stream->connection);
+    auto grabber = X11ScreenGrabber::open(stream->connection, stream->eventHandler());
     if (!grabber) return std::unexpected(grabber.error());
-    stream->display = std::move(*display);
     stream->grabber = std::move(*grabber);
+    auto display = stream->findDisplay(displayID);
+    if (!display) return std::unexpected(PlatformError{fmt::format("there is no display {}", displayID)});
+    stream->display = std::move(*display);
     stream->configure(configuration);
     return stream;
 }
@@ -54,9 +47,9 @@ Result<void, PlatformError> X11CaptureStream::start()
 {
     queue->assertCurrent();
     if (connection.isBroken()) return std::unexpected(PlatformError{"the X server is gone"});
-    readable = queue->whenReadable(connection.fileDescriptor(), [this] { readEvents(); });
+    readable = queue->whenReadable(connection.fileDescriptor(), [this] { advance(); });
     queue->post([this, alive = lifetime.watch()] {
-        if (alive) readEvents();
+        if (alive) advance();
     });
     return {};
 }
@@ -101,28 +94,20 @@ void X11CaptureStream::configure(const CaptureConfiguration& newConfiguration)
     pacer = FramePacer(configuration.maxFrameRate);
     turn = {};
     if (!configuration.showsCursor) cursor.reset();
-    if (configuration.showsCursor && !cursor) cursor.emplace(connection);
+    if (configuration.showsCursor && !cursor) cursor.emplace(connection, eventHandler());
     isAllChanged = true;
     noteChange();
 }
 
-void X11CaptureStream::readEvents()
+X11Connection::EventHandler X11CaptureStream::eventHandler()
 {
-    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(connection.get())}) handle(*event);
-    advance();
-}
-
-// Waiting for a reply reads events along with it; the descriptor does not become readable for these again.
-void X11CaptureStream::takeQueuedEvents()
-{
-    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_queued_event(connection.get())})
-        handle(*event);
+    return [this](const xcb_generic_event_t& event) { handle(event); };
 }
 
 void X11CaptureStream::handle(const xcb_generic_event_t& event)
 {
     if (isMonitorChange(connection, event)) mayMonitorsDiffer = true;
-    if (grabber->isDamage(event) || (cursor && cursor->takes(event))) noteChange();
+    if ((grabber && grabber->isDamage(event)) || (cursor && cursor->takes(event))) noteChange();
 }
 
 void X11CaptureStream::noteChange()
@@ -135,9 +120,10 @@ void X11CaptureStream::advance()
 {
     const auto alive = lifetime.watch();
     for (;;) {
-        takeQueuedEvents();
         if (isStopped) return;
-        if (connection.isBroken()) return stopWith({"the X server is gone"});
+        // Also those that xcb read on the way, for which the descriptor does not become readable again.
+        connection.takeEvents(eventHandler());
+        if (connection.isBroken()) return stopWith(silence());
         if (mayMonitorsDiffer) {
             if (!refreshDisplay()) return;
             continue;
@@ -151,6 +137,13 @@ void X11CaptureStream::advance()
         callback(**sample);
         if (!alive) return;
     }
+}
+
+std::optional<ShareableDisplay> X11CaptureStream::findDisplay(std::uint32_t id)
+{
+    for (auto& found : queryMonitors(connection, eventHandler()))
+        if (found.id == id) return std::move(found);
+    return std::nullopt;
 }
 
 // Then a timer brings us back.
@@ -170,7 +163,7 @@ bool X11CaptureStream::isTooEarly()
 bool X11CaptureStream::refreshDisplay()
 {
     mayMonitorsDiffer = false;
-    auto found = findDisplay(connection, display.id);
+    auto found = findDisplay(display.id);
     if (connection.isBroken()) return true; // the next round says so
     if (!found) {
         stopWith({fmt::format("display {} ({}) is gone", display.id, display.name)});
@@ -192,15 +185,17 @@ Result<std::optional<CaptureSample>, PlatformError> X11CaptureStream::takePictur
     times.damaged = changedAt.value_or(queue->now());
     changedAt.reset();
     pacer.taken(queue->now());
-    const auto rects = changedPictureRects();
+    const auto changed = changedPictureRects();
+    if (!changed) return std::unexpected(silence());
+    const auto& rects = *changed;
     if (rects.empty()) return std::nullopt;
     if (auto painted = paint(rects, times); !painted) {
         // The screen may have shrunk under us; then an event says so and the picture is taken anew.
-        if (connection.isBroken()) return std::unexpected(painted.error());
+        if (connection.isBroken()) return std::unexpected(silence());
         const auto before = display;
         isAllChanged = true;
         noteChange();
-        const auto now = findDisplay(connection, display.id);
+        const auto now = findDisplay(display.id);
         if (now && *now == before) return std::unexpected(painted.error());
         mayMonitorsDiffer = true;
         return std::nullopt;
@@ -213,13 +208,15 @@ Result<std::optional<CaptureSample>, PlatformError> X11CaptureStream::takePictur
     return CaptureSample{FrameStatus::complete, picture, times.damaged};
 }
 
-std::vector<PixelRect> X11CaptureStream::changedPictureRects()
+// Nothing when the server does not say.
+std::optional<std::vector<PixelRect>> X11CaptureStream::changedPictureRects()
 {
-    auto changed = grabber->takeDamage().value_or(std::vector<PixelRect>{});
-    if (cursor) std::ranges::copy(cursor->follow(), std::back_inserter(changed));
-    if (std::exchange(isAllChanged, false)) return {painter->wholePicture()};
+    auto changed = grabber->takeDamage();
+    if (!changed) return std::nullopt;
+    if (cursor) std::ranges::copy(cursor->follow(), std::back_inserter(*changed));
+    if (std::exchange(isAllChanged, false)) return std::vector{painter->wholePicture()};
     std::vector<PixelRect> rects;
-    for (auto rect : changed) {
+    for (auto rect : *changed) {
         rect.x -= static_cast<int>(display.bounds.x);
         rect.y -= static_cast<int>(display.bounds.y);
         rects.push_back(painter->pictureRectOf(rect));
@@ -249,6 +246,12 @@ PixelRect X11CaptureStream::rootRectOf(const PixelRect& pictureRect) const
     rect.x += static_cast<int>(display.bounds.x);
     rect.y += static_cast<int>(display.bounds.y);
     return rect;
+}
+
+// Why the server did not answer.
+PlatformError X11CaptureStream::silence() const
+{
+    return {connection.isBroken() ? "the X server is gone" : "the X server does not answer"};
 }
 
 void X11CaptureStream::stopWith(PlatformError reason)

@@ -27,18 +27,19 @@ private:
     X11CaptureStream(X11Connection newConnection, QueueRef newQueue);
 
     void configure(const CaptureConfiguration& newConfiguration);
-    void readEvents();
-    void takeQueuedEvents();
+    X11Connection::EventHandler eventHandler();
     void handle(const xcb_generic_event_t& event);
     void noteChange();
 
     void advance();
+    std::optional<ShareableDisplay> findDisplay(std::uint32_t id);
     bool isTooEarly();
     bool refreshDisplay();
     Result<std::optional<CaptureSample>, PlatformError> takePicture();
-    std::vector<PixelRect> changedPictureRects();
+    std::optional<std::vector<PixelRect>> changedPictureRects();
     Result<void, PlatformError> paint(std::span<const PixelRect> rects, CaptureTimes& times);
     PixelRect rootRectOf(const PixelRect& pictureRect) const;
+    PlatformError silence() const;
     void stopWith(PlatformError reason);
 
     QueueRef queue;

@@ -22,6 +22,8 @@ using XcbReply = std::unique_ptr<T, FreeDeleter>; // what xcb gives to be freed
 class X11Connection {
 public:
     using EventHandler = std::function<void(const xcb_generic_event_t&)>;
+    // For replies that nobody needs sooner: a server under load answers within milliseconds.
+    static constexpr std::chrono::milliseconds patience{2000};
 
     // display as in $DISPLAY; empty takes that variable. A server that is stopped is as one that is gone.
     static Result<X11Connection, PlatformError> open(const std::string& display);

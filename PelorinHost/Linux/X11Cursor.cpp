@@ -18,11 +18,11 @@ std::uint8_t over(std::uint32_t cursor, std::uint32_t alpha, std::uint8_t below)
 
 } // namespace
 
-std::optional<X11CursorImage> queryCursorImage(const X11Connection& connection)
+std::optional<X11CursorImage> queryCursorImage(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent)
 {
-    auto* c = connection.get();
-    const XcbReply<xcb_xfixes_get_cursor_image_reply_t> reply(
-        xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), nullptr));
+    const auto reply = connection.reply<xcb_xfixes_get_cursor_image_reply_t>(
+        xcb_xfixes_get_cursor_image(connection.get()), X11Connection::patience, onEvent);
     if (!reply) return std::nullopt;
     const auto* pixels = xcb_xfixes_get_cursor_image_cursor_image(reply.get());
     const auto count = static_cast<std::size_t>(xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()));
@@ -30,11 +30,11 @@ std::optional<X11CursorImage> queryCursorImage(const X11Connection& connection)
         {pixels, pixels + count}};
 }
 
-std::optional<RootPosition> queryPointer(const X11Connection& connection)
+std::optional<RootPosition> queryPointer(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent)
 {
-    auto* c = connection.get();
-    const XcbReply<xcb_query_pointer_reply_t> reply(
-        xcb_query_pointer_reply(c, xcb_query_pointer(c, connection.root()), nullptr));
+    const auto reply = connection.reply<xcb_query_pointer_reply_t>(
+        xcb_query_pointer(connection.get(), connection.root()), X11Connection::patience, onEvent);
     if (!reply) return std::nullopt;
     return RootPosition{reply->root_x, reply->root_y};
 }
@@ -51,10 +51,11 @@ bool isCursorImageChange(const X11Connection& connection, const xcb_generic_even
     return fixes && (event.response_type & 0x7F) == fixes->first_event + XCB_XFIXES_CURSOR_NOTIFY;
 }
 
-X11DrawnCursor::X11DrawnCursor(const X11Connection& newConnection) : connection(newConnection)
+X11DrawnCursor::X11DrawnCursor(const X11Connection& newConnection, X11Connection::EventHandler newOnEvent)
+    : connection(newConnection),
+      onEvent(std::move(newOnEvent))
 {
     watchCursorImage(connection);
-    auto* c = connection.get();
     const auto* xinput = connection.extension(&xcb_input_id);
     if (!xinput) {
         Log("capture").warning("no XInput 2: the drawn cursor moves only with other changes");
@@ -62,8 +63,8 @@ X11DrawnCursor::X11DrawnCursor(const X11Connection& newConnection) : connection(
     }
     xinputOpcode = xinput->major_opcode;
     // From 2.1 on raw motion is told even while another client has grabbed the pointer.
-    const XcbReply<xcb_input_xi_query_version_reply_t> version(
-        xcb_input_xi_query_version_reply(c, xcb_input_xi_query_version(c, 2, 2), nullptr));
+    connection.reply<xcb_input_xi_query_version_reply_t>(
+        xcb_input_xi_query_version(connection.get(), 2, 2), X11Connection::patience, onEvent);
     selectMotion(true);
 }
 
@@ -88,7 +89,7 @@ void X11DrawnCursor::selectMotion(bool isWanted)
 bool X11DrawnCursor::takes(const xcb_generic_event_t& event)
 {
     if (isCursorImageChange(connection, event)) {
-        image.reset();
+        hasNewShape = true;
         return true;
     }
     if ((event.response_type & 0x7F) != XCB_GE_GENERIC) return false;
@@ -98,12 +99,12 @@ bool X11DrawnCursor::takes(const xcb_generic_event_t& event)
 
 std::vector<PixelRect> X11DrawnCursor::follow()
 {
-    const bool hasNewShape = !image;
-    if (!image) image = queryCursorImage(connection);
-    const auto pointer = queryPointer(connection);
+    const bool isNewShape = std::exchange(hasNewShape, false);
+    if (isNewShape) image = queryCursorImage(connection, onEvent);
+    const auto pointer = queryPointer(connection, onEvent);
     if (!image || !pointer) return {};
     const PixelRect now{pointer->x - image->hotX, pointer->y - image->hotY, image->widthPx, image->heightPx};
-    if (now == place && !hasNewShape) return {};
+    if (now == place && !isNewShape) return {};
     const auto before = std::exchange(place, now);
     return {before, now};
 }

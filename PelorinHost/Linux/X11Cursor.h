@@ -19,13 +19,16 @@ struct X11CursorImage {
     std::vector<std::uint32_t> argb; // colours already multiplied by alpha
 };
 
-// Each is one round trip, and nothing when the server is gone.
-std::optional<X11CursorImage> queryCursorImage(const X11Connection& connection);
+// Each is one round trip, and nothing when the server is gone or does not answer. Events met on the way go to
+// onEvent.
+std::optional<X11CursorImage> queryCursorImage(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent = {});
 struct RootPosition {
     int x = 0;
     int y = 0;
 };
-std::optional<RootPosition> queryPointer(const X11Connection& connection);
+std::optional<RootPosition> queryPointer(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent = {});
 
 void watchCursorImage(const X11Connection& connection); // XFIXES must have been asked for its version
 bool isCursorImageChange(const X11Connection& connection, const xcb_generic_event_t& event);
@@ -34,7 +37,8 @@ bool isCursorImageChange(const X11Connection& connection, const xcb_generic_even
 // it over grabbed pixels. Lives on the capture queue, owned by a capture stream.
 class X11DrawnCursor {
 public:
-    explicit X11DrawnCursor(const X11Connection& connection); // outlives us
+    // connection outlives us; onEvent is called within our operations.
+    X11DrawnCursor(const X11Connection& connection, X11Connection::EventHandler onEvent);
     ~X11DrawnCursor(); // asks for no more events
     X11DrawnCursor(const X11DrawnCursor&) = delete;
     X11DrawnCursor& operator=(const X11DrawnCursor&) = delete;
@@ -50,8 +54,10 @@ private:
     void selectMotion(bool isWanted);
 
     const X11Connection& connection;
+    X11Connection::EventHandler onEvent;
     int xinputOpcode = -1; // -1: the server has no XInput 2
     std::optional<X11CursorImage> image;
+    bool hasNewShape = true; // and image is not of it yet
     PixelRect place; // {} before it was drawn
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <png.h>
+#include <utility>
 
 namespace pelorin {
 namespace {
@@ -45,7 +46,7 @@ std::optional<Bytes> pngOf(const X11CursorImage& image)
 std::optional<Point> X11CursorSource::position()
 {
     if (!connect()) return std::nullopt;
-    const auto pointer = queryPointer(*connection);
+    const auto pointer = queryPointer(*connection, eventHandler());
     if (!pointer) return std::nullopt;
     return Point{static_cast<double>(pointer->x), static_cast<double>(pointer->y)};
 }
@@ -70,14 +71,13 @@ bool X11CursorSource::connect()
 {
     if (connection && !connection->isBroken()) return true;
     connection.reset();
-    image.reset();
+    hasNewShape = true;
     auto opened = X11Connection::open(displayName);
     if (!opened || !opened->extension(&xcb_xfixes_id)) return false;
     connection = std::move(*opened);
     ++connections;
-    auto* c = connection->get();
-    const XcbReply<xcb_xfixes_query_version_reply_t> version(
-        xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr));
+    connection->reply<xcb_xfixes_query_version_reply_t>(
+        xcb_xfixes_query_version(connection->get(), 5, 0), X11Connection::patience);
     watchCursorImage(*connection);
     connection->flush();
     return true;
@@ -86,11 +86,17 @@ bool X11CursorSource::connect()
 const X11CursorImage* X11CursorSource::currentImage()
 {
     if (!connect()) return nullptr;
-    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(connection->get())})
-        if (isCursorImageChange(*connection, *event)) image.reset();
-    if (!image) image = queryCursorImage(*connection);
+    connection->takeEvents(eventHandler());
+    if (std::exchange(hasNewShape, false)) image = queryCursorImage(*connection, eventHandler());
+    if (!image) hasNewShape = true; // asked again next time
     if (!image || image->widthPx == 0 || image->heightPx == 0) return nullptr;
     return &*image;
+}
+
+X11Connection::EventHandler X11CursorSource::eventHandler()
+{
+    return
+        [this](const xcb_generic_event_t& event) { hasNewShape |= isCursorImageChange(*connection, event); };
 }
 
 } // namespace pelorin

@@ -18,10 +18,12 @@ public:
 private:
     bool connect();
     const X11CursorImage* currentImage();
+    X11Connection::EventHandler eventHandler();
 
     const std::string displayName;
     std::optional<X11Connection> connection;
-    std::optional<X11CursorImage> image; // none while it isn't known
+    std::optional<X11CursorImage> image;
+    bool hasNewShape = true; // and image is not of it yet
     std::uint32_t connections = 0; // made so far; another server counts its cursors anew
 };
 

@@ -17,20 +17,20 @@ ShareableDisplay displayAt(
         isMain};
 }
 
-std::vector<ShareableDisplay> wholeScreen(const X11Connection& connection)
+std::vector<ShareableDisplay> wholeScreen(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent)
 {
-    auto* c = connection.get();
-    const XcbReply<xcb_get_geometry_reply_t> root(
-        xcb_get_geometry_reply(c, xcb_get_geometry(c, connection.root()), nullptr));
+    const auto root = connection.reply<xcb_get_geometry_reply_t>(
+        xcb_get_geometry(connection.get(), connection.root()), X11Connection::patience, onEvent);
     if (!root) return {};
     return {displayAt(wholeScreenID, "screen", 0, 0, root->width, root->height, true)};
 }
 
-std::string atomName(const X11Connection& connection, xcb_atom_t atom)
+std::string atomName(
+    const X11Connection& connection, xcb_atom_t atom, const X11Connection::EventHandler& onEvent)
 {
-    auto* c = connection.get();
-    const XcbReply<xcb_get_atom_name_reply_t> reply(
-        xcb_get_atom_name_reply(c, xcb_get_atom_name(c, atom), nullptr));
+    const auto reply = connection.reply<xcb_get_atom_name_reply_t>(
+        xcb_get_atom_name(connection.get(), atom), X11Connection::patience, onEvent);
     if (!reply) return {};
     return {xcb_get_atom_name_name(reply.get()),
         static_cast<std::size_t>(xcb_get_atom_name_name_length(reply.get()))};
@@ -38,23 +38,26 @@ std::string atomName(const X11Connection& connection, xcb_atom_t atom)
 
 } // namespace
 
-std::vector<ShareableDisplay> queryMonitors(const X11Connection& connection)
+std::vector<ShareableDisplay> queryMonitors(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent)
 {
     auto* c = connection.get();
-    if (!connection.extension(&xcb_randr_id)) return wholeScreen(connection);
-    const auto version = xcb_randr_query_version(c, 1, 5);
-    const auto asked = xcb_randr_get_monitors(c, connection.root(), 1);
-    const XcbReply<xcb_randr_query_version_reply_t> known(xcb_randr_query_version_reply(c, version, nullptr));
-    const XcbReply<xcb_randr_get_monitors_reply_t> reply(xcb_randr_get_monitors_reply(c, asked, nullptr));
-    if (!reply) return connection.isBroken() ? std::vector<ShareableDisplay>{} : wholeScreen(connection);
+    if (!connection.extension(&xcb_randr_id)) return wholeScreen(connection, onEvent);
+    const auto known = connection.reply<xcb_randr_query_version_reply_t>(
+        xcb_randr_query_version(c, 1, 5), X11Connection::patience, onEvent);
+    if (!known) return {};
+    if (known->major_version == 1 && known->minor_version < 5) return wholeScreen(connection, onEvent);
+    const auto reply = connection.reply<xcb_randr_get_monitors_reply_t>(
+        xcb_randr_get_monitors(c, connection.root(), 1), X11Connection::patience, onEvent);
+    if (!reply) return {};
 
     std::vector<ShareableDisplay> displays;
     for (auto monitors = xcb_randr_get_monitors_monitors_iterator(reply.get()); monitors.rem > 0;
         xcb_randr_monitor_info_next(&monitors)) {
         const auto& m = *monitors.data;
         if (m.width == 0 || m.height == 0 || m.name == XCB_ATOM_NONE) continue;
-        displays.push_back(
-            displayAt(m.name, atomName(connection, m.name), m.x, m.y, m.width, m.height, m.primary != 0));
+        displays.push_back(displayAt(
+            m.name, atomName(connection, m.name, onEvent), m.x, m.y, m.width, m.height, m.primary != 0));
     }
     std::ranges::stable_partition(displays, &ShareableDisplay::isMain);
     for (auto& display : displays) display.isMain = &display == &displays.front();
@@ -81,7 +84,9 @@ bool isMonitorChange(const X11Connection& connection, const xcb_generic_event_t&
 std::vector<ShareableDisplay> X11MonitorCache::displays()
 {
     const std::lock_guard guard(lock);
-    if (connection && !hasChanged()) return known;
+    if (connection)
+        connection->takeEvents(
+            [this](const auto& event) { mayDiffer |= isMonitorChange(*connection, event); });
     if (!connection || connection->isBroken()) {
         connection.reset();
         known.clear();
@@ -89,17 +94,18 @@ std::vector<ShareableDisplay> X11MonitorCache::displays()
         if (!opened) return {};
         connection = std::move(*opened);
         watchMonitors(*connection); // before the question, so that no change falls between
+        mayDiffer = true;
     }
-    known = queryMonitors(*connection);
+    if (mayDiffer) refresh();
     return known;
 }
 
-bool X11MonitorCache::hasChanged()
+void X11MonitorCache::refresh()
 {
-    bool isChanged = false;
-    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(connection->get())})
-        isChanged |= isMonitorChange(*connection, *event);
-    return isChanged || connection->isBroken();
+    mayDiffer = false;
+    known = queryMonitors(
+        *connection, [this](const auto& event) { mayDiffer |= isMonitorChange(*connection, event); });
+    if (known.empty()) mayDiffer = true; // perhaps it only did not answer in time
 }
 
 } // namespace pelorin

@@ -9,8 +9,10 @@
 namespace pelorin {
 
 // The active monitors (RandR 1.5), the primary one first; the atom of a monitor's name is its id. A server
-// without RandR has one, its screen. One round trip and one for each name.
-std::vector<ShareableDisplay> queryMonitors(const X11Connection& connection);
+// without RandR has one, its screen. One round trip and one for each name; nothing when the server is gone or
+// does not answer. Events met on the way go to onEvent.
+std::vector<ShareableDisplay> queryMonitors(
+    const X11Connection& connection, const X11Connection::EventHandler& onEvent = {});
 
 // Asks for events whenever queryMonitors may answer otherwise than before.
 void watchMonitors(const X11Connection& connection);
@@ -25,12 +27,13 @@ public:
     std::vector<ShareableDisplay> displays(); // empty when the server is gone
 
 private:
-    bool hasChanged();
+    void refresh();
 
     const std::string displayName;
     std::mutex lock; // guards what follows
     std::optional<X11Connection> connection;
     std::vector<ShareableDisplay> known;
+    bool mayDiffer = false;
 };
 
 } // namespace pelorin

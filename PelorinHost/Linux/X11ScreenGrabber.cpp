@@ -53,7 +53,7 @@ Result<void, PlatformError> checkExtensions(const X11Connection& connection)
 } // namespace
 
 Result<X11SharedMemory, PlatformError> X11SharedMemory::create(
-    const X11Connection& connection, std::size_t bytes)
+    const X11Connection& connection, std::size_t bytes, const X11Connection::EventHandler& onEvent)
 {
     auto* c = connection.get();
     const int fd = memfd_create("pelorin-capture", MFD_CLOEXEC);
@@ -72,10 +72,17 @@ Result<X11SharedMemory, PlatformError> X11SharedMemory::create(
 
     const auto segment = xcb_generate_id(c);
     const auto attached = xcb_shm_attach_fd_checked(c, segment, fd, 0); // closes fd
-    const XcbReply<xcb_generic_error_t> error(xcb_request_check(c, attached));
-    if (error || connection.isBroken())
-        return std::unexpected(PlatformError{
-            "the X server can't share memory with us: " + (error ? described(*error) : "connection lost")});
+    const bool isAnswered = connection.reply<xcb_get_input_focus_reply_t>(
+                                xcb_get_input_focus(c), X11Connection::patience, onEvent)
+        != nullptr;
+    if (!isAnswered) {
+        xcb_discard_reply(c, attached.sequence);
+        return std::unexpected(PlatformError{"the X server does not answer"});
+    }
+    const XcbReply<xcb_generic_error_t> error(xcb_request_check(c, attached)); // known by now
+    if (error)
+        return std::unexpected(
+            PlatformError{"the X server can't share memory with us: " + described(*error)});
     made.connection = c;
     made.segment = segment;
     return made;
@@ -104,26 +111,25 @@ X11SharedMemory::~X11SharedMemory()
     if (memory) munmap(memory, byteCount);
 }
 
-Result<X11ScreenGrabber, PlatformError> X11ScreenGrabber::open(const X11Connection& connection)
+Result<X11ScreenGrabber, PlatformError> X11ScreenGrabber::open(
+    const X11Connection& connection, X11Connection::EventHandler onEvent)
 {
     if (auto extensions = checkExtensions(connection); !extensions)
         return std::unexpected(extensions.error());
     if (auto format = checkPixelFormat(connection); !format) return std::unexpected(format.error());
 
     auto* c = connection.get();
-    const auto shmAsked = xcb_shm_query_version(c);
-    const auto fixesAsked = xcb_xfixes_query_version(c, 5, 0);
-    const auto damageAsked = xcb_damage_query_version(c, 1, 1);
-    const XcbReply<xcb_shm_query_version_reply_t> shm(xcb_shm_query_version_reply(c, shmAsked, nullptr));
-    const XcbReply<xcb_xfixes_query_version_reply_t> fixes(
-        xcb_xfixes_query_version_reply(c, fixesAsked, nullptr));
-    const XcbReply<xcb_damage_query_version_reply_t> damages(
-        xcb_damage_query_version_reply(c, damageAsked, nullptr));
-    if (!shm || !fixes || !damages) return std::unexpected(PlatformError{"the X server is gone"});
+    const auto shm = connection.reply<xcb_shm_query_version_reply_t>(
+        xcb_shm_query_version(c), X11Connection::patience, onEvent);
+    const auto fixes = connection.reply<xcb_xfixes_query_version_reply_t>(
+        xcb_xfixes_query_version(c, 5, 0), X11Connection::patience, onEvent);
+    const auto damages = connection.reply<xcb_damage_query_version_reply_t>(
+        xcb_damage_query_version(c, 1, 1), X11Connection::patience, onEvent);
+    if (!shm || !fixes || !damages) return std::unexpected(PlatformError{"the X server does not answer"});
     if (shm->major_version == 1 && shm->minor_version < 2)
         return std::unexpected(PlatformError{"the X server's MIT-SHM is older than 1.2"});
 
-    X11ScreenGrabber made(connection);
+    X11ScreenGrabber made(connection, std::move(onEvent));
     made.changed = xcb_generate_id(c);
     xcb_xfixes_create_region(c, made.changed, 0, nullptr);
     made.damage = xcb_generate_id(c);
@@ -144,8 +150,8 @@ std::optional<std::vector<PixelRect>> X11ScreenGrabber::takeDamage()
 {
     auto* c = connection->get();
     xcb_damage_subtract(c, damage, XCB_NONE, changed);
-    const XcbReply<xcb_xfixes_fetch_region_reply_t> region(
-        xcb_xfixes_fetch_region_reply(c, xcb_xfixes_fetch_region(c, changed), nullptr));
+    const auto region = connection->reply<xcb_xfixes_fetch_region_reply_t>(
+        xcb_xfixes_fetch_region(c, changed), X11Connection::patience, onEvent);
     if (!region) return std::nullopt;
     const auto* first = xcb_xfixes_fetch_region_rectangles(region.get());
     std::vector<PixelRect> rects;
@@ -166,12 +172,12 @@ Result<std::vector<X11ScreenGrabber::Grabbed>, PlatformError> X11ScreenGrabber::
             + PicturePainter::bytesReadPastEnd;
     }
     if (needed > memory.size()) {
-        auto grown = X11SharedMemory::create(*connection, needed + needed * growthPercent / 100);
+        auto grown = X11SharedMemory::create(*connection, needed + needed * growthPercent / 100, onEvent);
         if (!grown) return std::unexpected(grown.error());
         memory = std::move(*grown);
     }
 
-    // All requests leave together; the first failure does not keep the other replies waiting.
+    // All requests leave together. After one that failed the others are not waited for.
     auto* c = connection->get();
     std::vector<xcb_shm_get_image_cookie_t> asked;
     for (std::size_t i = 0; i < rects.size(); ++i) {
@@ -182,15 +188,13 @@ Result<std::vector<X11ScreenGrabber::Grabbed>, PlatformError> X11ScreenGrabber::
             static_cast<std::uint32_t>(offsets[i])));
     }
     std::vector<Grabbed> grabbed;
-    std::optional<PlatformError> failure;
     for (std::size_t i = 0; i < rects.size(); ++i) {
-        xcb_generic_error_t* error = nullptr;
-        const XcbReply<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(c, asked[i], &error));
-        const XcbReply<xcb_generic_error_t> owned(error);
-        if (!reply) failure = PlatformError{error ? described(*error) : "the X server is gone"};
+        if (!connection->reply<xcb_shm_get_image_reply_t>(asked[i], X11Connection::patience, onEvent)) {
+            for (const auto& cookie : std::span(asked).subspan(i + 1)) xcb_discard_reply(c, cookie.sequence);
+            return std::unexpected(PlatformError{"the X server gives no pixels"});
+        }
         grabbed.push_back({memory.data() + offsets[i], rects[i].width * 4});
     }
-    if (failure) return std::unexpected(*failure);
     return grabbed;
 }
 

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 #include <xcb/damage.h>
 #include <xcb/shm.h>
@@ -16,7 +17,8 @@ namespace pelorin {
 // Memory shared with an X server through a descriptor, which leaves nothing behind when we or it crash.
 class X11SharedMemory {
 public:
-    static Result<X11SharedMemory, PlatformError> create(const X11Connection& connection, std::size_t bytes);
+    static Result<X11SharedMemory, PlatformError> create(
+        const X11Connection& connection, std::size_t bytes, const X11Connection::EventHandler& onEvent);
     X11SharedMemory() = default;
     X11SharedMemory(X11SharedMemory&& other) noexcept;
     X11SharedMemory& operator=(X11SharedMemory&& other) noexcept;
@@ -37,13 +39,14 @@ private:
 // pixels of the root window. Lives on the capture queue, owned by a capture stream.
 class X11ScreenGrabber {
 public:
-    // connection outlives the grabber. Fails on a server without MIT-SHM, DAMAGE or XFIXES, or whose pixels
-    // are not 32-bit BGRX.
-    static Result<X11ScreenGrabber, PlatformError> open(const X11Connection& connection);
+    // connection outlives the grabber; events met while it waits for the server go to onEvent. Fails on a
+    // server without MIT-SHM, DAMAGE or XFIXES, or whose pixels are not 32-bit BGRX.
+    static Result<X11ScreenGrabber, PlatformError> open(
+        const X11Connection& connection, X11Connection::EventHandler onEvent);
 
     // Whether the event says that something changed. It comes once; the next one only after takeDamage.
     bool isDamage(const xcb_generic_event_t& event) const;
-    // What changed since the last call, or nothing when the server is gone.
+    // What changed since the last call, or nothing when the server is gone or does not answer.
     std::optional<std::vector<PixelRect>> takeDamage();
 
     // Pixels of each rectangle, ours to write to, until the next call. A rectangle that reaches out of the
@@ -55,9 +58,14 @@ public:
     Result<std::vector<Grabbed>, PlatformError> grab(std::span<const PixelRect> rects);
 
 private:
-    explicit X11ScreenGrabber(const X11Connection& newConnection) : connection(&newConnection) {}
+    X11ScreenGrabber(const X11Connection& newConnection, X11Connection::EventHandler newOnEvent)
+        : connection(&newConnection),
+          onEvent(std::move(newOnEvent))
+    {
+    }
 
     const X11Connection* connection; // not owned
+    X11Connection::EventHandler onEvent;
     xcb_damage_damage_t damage = 0;
     xcb_xfixes_region_t changed = 0;
     X11SharedMemory memory;

@@ -325,6 +325,28 @@ TEST_F(X11CaptureStreamTest, stopsOnceWhenTheServerDies)
     EXPECT_EQ(picture().widthPx, 640);
 }
 
+TEST_F(X11CaptureStreamTest, doesNotWaitForEverForAServerThatIsStopped)
+{
+    lab::XDrawing drawing(server.display());
+    start({640, 480, 60, true});
+    settle();
+    server.pause();
+    queue->post([&] {
+        const auto still = stream->captureStill({640, 480, 60, true});
+        ASSERT_FALSE(still);
+        EXPECT_EQ(still.error().description, "the X server does not answer");
+    });
+    queues.runReady();
+    EXPECT_EQ(capture.shareableDisplays().size(), 1U); // as far as is known
+
+    server.resume();
+    drawing.fill(0, 0, 10, 10, 0xFF0000);
+    ASSERT_TRUE(nextSample());
+    EXPECT_EQ(pixel(8, 8), red);
+    EXPECT_THAT(picture().damage, ElementsAre(PixelRect{0, 0, 640, 480}));
+    EXPECT_TRUE(stops.empty());
+}
+
 TEST_F(X11CaptureStreamTest, mayBeDestroyedByItsOwnCallback)
 {
     start({640, 480, 60, false});
