@@ -147,11 +147,18 @@ struct ViewerWindow::State {
 Result<void, std::string> ViewerWindow::State::open()
 {
     if (!library.isStarted) return std::unexpected(std::string("no window: ") + SDL_GetError());
+    // Without a display the library falls back on a window that nobody can see, unless it was asked for.
+    if (SDL_GetHint(SDL_HINT_VIDEODRIVER) == nullptr
+        && std::string_view(SDL_GetCurrentVideoDriver()) == "offscreen")
+        return std::unexpected("no window: there is no display; --headless needs none");
+    // Shown only when complete: the renderer may make the window anew, and window managers are slow to
+    // follow.
     window.reset(SDL_CreateWindow("Pelorin", SDL_WINDOWPOS_UNDEFINED, SDL_WINDOWPOS_UNDEFINED, firstWidth,
-        firstHeight, SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI));
+        firstHeight, SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI | SDL_WINDOW_HIDDEN));
     if (window)
         renderer.reset(SDL_CreateRenderer(window.get(), -1, 0)); // no wait for the screen's own frames
     if (!renderer) return std::unexpected(std::string("no window: ") + SDL_GetError());
+    SDL_ShowWindow(window.get());
     SDL_SetYUVConversionMode(SDL_YUV_CONVERSION_BT709);
     SDL_SetRenderDrawBlendMode(renderer.get(), SDL_BLENDMODE_BLEND);
     wakeEvent = SDL_RegisterEvents(1);

@@ -1,0 +1,219 @@
+#include "PelorinViewer/ViewerWindow.h"
+
+#include "PelorinCore/Keys/MacKey.h"
+#include "PelorinHost/Linux/XtestEventPosting.h"
+#include "PelorinNet/Queue/QueuePool.h"
+#include "Tests/Lab/Picture.h"
+#include "Tests/Lab/Wait.h"
+#include "Tests/Lab/XServer.h"
+#include "Tests/PelorinViewer/TestPicture.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace pelorin;
+using lab::eventually;
+using lab::TestPicture;
+
+namespace {
+
+constexpr int screenWidth = 1400;
+constexpr int screenHeight = 900;
+
+// The window on a real X server with a window manager, real input from XTEST.
+class ViewerWindowTest : public testing::Test {
+protected:
+    ViewerWindowTest()
+    {
+        EXPECT_TRUE(eventually([this] {
+            return server.run({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}).find("window id")
+                != std::string::npos;
+        }));
+        setenv("DISPLAY", server.display().c_str(), 1);
+        setenv("SDL_RENDER_DRIVER", "software", 1); // the same on every machine
+        input.onMouseMove = [this](double dx, double) { change([dx](Told& told) { told.movedX += dx; }); };
+        input.onMouseButton = [this](MouseButton button, bool isDown) {
+            change([=](Told& told) { told.buttons.emplace_back(button, isDown); });
+        };
+        input.onWheel = [this](double, double y) { change([y](Told& told) { told.wheelY += y; }); };
+        input.onMessage = [this](const Message& message) {
+            change([&](Told& told) { told.messages.push_back(message); });
+        };
+        input.onDrew = [this](Duration) { change([](Told& told) { ++told.drawn; }); };
+        input.onClosed = [] {};
+        onHands([this] { hands = std::make_unique<XtestEventPosting>(handsQueue, server.display()); });
+    }
+    ~ViewerWindowTest() override
+    {
+        onHands([this] { hands.reset(); });
+        unsetenv("DISPLAY");
+    }
+
+    // Runs the window on this thread while the story is told on another.
+    void tell(const std::function<void()>& story, bool showsFigures = false)
+    {
+        auto opened = ViewerWindow::open(showsFigures);
+        ASSERT_TRUE(opened) << opened.error();
+        window = std::move(*opened);
+        std::thread teller([&] {
+            story();
+            window->close();
+        });
+        window->run(input);
+        teller.join();
+        window.reset();
+    }
+
+    void onHands(std::function<void()> task)
+    {
+        std::promise<void> done;
+        handsQueue->post([&] {
+            task();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+    void moveTo(double x, double y)
+    {
+        onHands([=, this] { hands->postPointer(PointerEventType::moved, {x, y}, 0, 0); });
+    }
+    void press(MouseButton button, bool isDown)
+    {
+        onHands([=, this] { hands->postButton(button, isDown, {screenWidth / 2.0, screenHeight / 2.0}, 1); });
+    }
+    void key(std::uint16_t code, bool isDown)
+    {
+        onHands([=, this] { hands->postKey(code, isDown, {}, false); });
+    }
+
+    struct Told {
+        double movedX = 0;
+        double wheelY = 0;
+        std::vector<std::pair<MouseButton, bool>> buttons;
+        std::vector<Message> messages;
+        int drawn = 0;
+
+        bool has(const Message& message) const { return std::ranges::count(messages, message) > 0; }
+    };
+    void change(const std::function<void(Told&)>& how)
+    {
+        const std::lock_guard guard(lock);
+        how(told);
+    }
+    bool eventuallyTold(const std::function<bool(const Told&)>& what)
+    {
+        return eventually([&] {
+            const std::lock_guard guard(lock);
+            return what(told);
+        });
+    }
+    int whitePixels() const
+    {
+        const auto screen = lab::Picture::ofScreen(server.display());
+        int count = 0;
+        for (std::size_t at = 0; at + 2 < screen.pixels.size(); at += 3)
+            count += screen.pixels[at] > 250 && screen.pixels[at + 1] > 250 && screen.pixels[at + 2] > 250;
+        return count;
+    }
+    static ReceivedPicture received(const TestPicture& picture)
+    {
+        ReceivedPicture received;
+        received.picture = picture.get();
+        received.decodedAt = std::chrono::steady_clock::now();
+        return received;
+    }
+
+    lab::XServer server{
+        {.widthPx = screenWidth, .heightPx = screenHeight, .isXorg = false, .extraArguments = {}}};
+    std::unique_ptr<lab::Process> manager = server.launch({"openbox"});
+    QueuePool pool{2};
+    QueueRef handsQueue = pool.makeQueue("hands");
+    std::unique_ptr<XtestEventPosting> hands;
+    std::unique_ptr<ViewerWindow> window;
+    WindowInput input;
+    std::mutex lock; // guards told
+    Told told;
+};
+
+TEST_F(ViewerWindowTest, fitsPicturesAndDrawsFiguresOverThem)
+{
+    tell([this] {
+        window->show(received(TestPicture(100, 200, 235))); // upright: bars at the sides
+        // 720 rows high and half as wide.
+        EXPECT_TRUE(eventually([this] { return std::abs(whitePixels() - 720 * 360) < 4000; }))
+            << whitePixels();
+        const int plain = whitePixels();
+        window->show(received(TestPicture(1280, 720, 235)));
+        EXPECT_TRUE(eventually([&] { return whitePixels() > 2 * plain; })) << whitePixels();
+        EXPECT_TRUE(eventuallyTold([](const Told& so) { return so.drawn == 2; }));
+
+        const int whole = whitePixels();
+        window->setFigures(PhoneFigures{});
+        moveTo(screenWidth / 2.0, screenHeight / 2.0);
+        key(MacKey::f9, true);
+        key(MacKey::f9, false);
+        EXPECT_TRUE(eventually([&] { return whitePixels() < whole - 20'000; })) << whole - whitePixels();
+        key(MacKey::f9, true);
+        key(MacKey::f9, false);
+        EXPECT_TRUE(eventually([&] { return whitePixels() == whole; }));
+    });
+    EXPECT_FALSE(told.has(message::Key{MacKey::f9, true, keyModifier::none}));
+}
+
+TEST_F(ViewerWindowTest, takesMouseAndKeyboardOnAClickAndGivesThemBackWithNothingHeld)
+{
+    tell([this] {
+        window->show(received(TestPicture(64, 48, 235)));
+        EXPECT_TRUE(eventually([this] { return whitePixels() > 100'000; }));
+        moveTo(screenWidth / 2.0, screenHeight / 2.0);
+        press(MouseButton::left, true);
+        press(MouseButton::left, false);
+        // Captured once it tells of motion; the click that did it is not told.
+        double x = screenWidth / 2.0;
+        EXPECT_TRUE(eventually([&] {
+            moveTo(x += 3, screenHeight / 2.0);
+            const std::lock_guard guard(lock);
+            return told.movedX > 0;
+        }));
+        press(MouseButton::right, true);
+        key(MacKey::a, true);
+        EXPECT_TRUE(eventuallyTold([](const Told& so) {
+            return so.has(message::Key{MacKey::a, true, keyModifier::none})
+                && so.buttons == std::vector{std::pair{MouseButton::right, true}};
+        }));
+        onHands([this] { hands->postScroll(0, 480, ScrollPhase::changed, MomentumPhase::none); });
+        EXPECT_TRUE(eventuallyTold([](const Told& so) { return so.wheelY > 0; }));
+
+        key(MacKey::rightControl, true);
+        key(MacKey::rightControl, false);
+        EXPECT_TRUE(eventuallyTold([](const Told& so) {
+            return so.has(message::Key{MacKey::a, false, keyModifier::none})
+                && so.buttons.back() == std::pair{MouseButton::right, false};
+        }));
+        key(MacKey::a, false);
+        press(MouseButton::right, false);
+    });
+    EXPECT_FALSE(told.has(message::Text{"a"})); // typed as a key already
+    EXPECT_EQ(told.buttons.size(), 2U);
+}
+
+TEST_F(ViewerWindowTest, letsGoWhenAnotherWindowTakesTheKeyboard)
+{
+    tell([this] {
+        window->show(received(TestPicture(64, 48, 235)));
+        EXPECT_TRUE(eventually([this] { return whitePixels() > 100'000; }));
+        moveTo(screenWidth / 2.0, screenHeight / 2.0);
+        key(MacKey::b, true);
+        EXPECT_TRUE(eventuallyTold(
+            [](const Told& so) { return so.has(message::Key{MacKey::b, true, keyModifier::none}); }));
+        const auto other = server.launch({"xterm"});
+        EXPECT_TRUE(eventuallyTold(
+            [](const Told& so) { return so.has(message::Key{MacKey::b, false, keyModifier::none}); }));
+        key(MacKey::b, false);
+    });
+}
+
+} // namespace
