@@ -95,6 +95,11 @@ void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
         report.codec = format.codec == VideoCodec::hevc ? "hevc" : "h264";
     };
     session->onPathInfo = [this](std::string path) { report.path = std::move(path); };
+    session->onDisplayList = [this](const std::vector<DisplayDescriptor>& displays) {
+        for (const DisplayDescriptor& display : displays)
+            log.info("--display {}: {} {}x{}{}", display.id, display.name, display.widthPt, display.heightPt,
+                display.isMain ? ", the main one" : "");
+    };
     session->onClipboard = [this](std::string text) {
         if (onClipboard) onClipboard(std::move(text));
     };
@@ -151,7 +156,10 @@ void Viewer::startMeasurement()
         motion->onBegin = [this] { session->restartFigures(); };
         motion->onEnd = [this](const MotionFigures& figures) {
             report.motion = figures;
-            reached(Goal::measurement);
+            if (figures.distinctFps > 0)
+                reached(Goal::measurement);
+            else
+                finish(ViewerExit::failed, "no picture came while measuring");
         };
         motion->start();
     }

@@ -72,7 +72,8 @@ int main(int count, char** arguments)
         ->transform(CLI::CheckedTransformer(std::map<std::string, CodecChoice>{
             {"any", CodecChoice::any}, {"h264", CodecChoice::h264}, {"hevc", CodecChoice::hevc}}));
     app.add_flag("--follow-phone", options.followPhone, "Ask for a display shaped like the viewport");
-    app.add_option("--display", options.displayID, "Show the display of this ID instead of the main one");
+    app.add_option(
+        "--display", options.displayID, "Show this display instead of the main one; --verbose lists them");
     app.add_option(
            "--measure", options.measure, "latency: key presses until their pixels; motion: distinct frames")
         ->transform(CLI::CheckedTransformer(std::map<std::string, MeasureKind>{
