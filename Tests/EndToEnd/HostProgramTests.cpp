@@ -56,7 +56,8 @@ TEST(HostProgram, endsInOrderOnSIGTERMAndTellsThePhone)
     ASSERT_TRUE(phone.sayHello() && phone.wait<message::HelloAck>());
     phone.send(message::Key{56, true, keyModifier::shift});
     host.process().signal(SIGTERM);
-    EXPECT_EQ(phone.wait<message::Error>().value_or(message::Error{}).message, "已在 Mac 上断开") << host.log();
+    EXPECT_EQ(phone.wait<message::Error>().value_or(message::Error{}).message, "已在 Mac 上断开")
+        << host.log();
     EXPECT_EQ(host.process().waitForExit(10'000), 0);
 }
 
@@ -66,10 +67,9 @@ TEST(HostProgram, replacesABrokenSettingsFileAndThenOnlyWaits)
     lab::TemporaryFolder folder;
     const auto file = folder.path() / "host.json";
     lab::write(file, R"({"port": "7500", "allowLoopbackForTesting": true})");
-    const auto host
-        = lab::Process::start({std::string(PELORIN_BIN_DIR) + "/pelorin-host", "--headless", "--support-dir",
-                                  folder.path().string(), "--log-dir", folder.path().string()},
-            {"DISPLAY=" + server.display()}, (folder.path() / "host.log").string());
+    const auto host = lab::Process::start({lab::programPath("pelorin-host"), "--headless", "--support-dir",
+                                              folder.path().string(), "--log-dir", folder.path().string()},
+        {"DISPLAY=" + server.display()}, (folder.path() / "host.log").string());
     EXPECT_TRUE(eventually([&] { return lab::contentOf(file).find("\"port\": 7420") != std::string::npos; }));
     EXPECT_TRUE(eventually([&] {
         return lab::contentOf(folder.path() / "connections.log")
@@ -91,9 +91,8 @@ TEST(HostProgram, waitsForAPortThatIsInUse)
     ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &size), 0);
 
     HostProgram host(server.display(), "\"port\": " + std::to_string(ntohs(address.sin_port)));
-    ASSERT_TRUE(eventually([&] {
-        return host.log().find("Address already in use") != std::string::npos;
-    })) << host.log();
+    ASSERT_TRUE(eventually([&] { return host.log().find("Address already in use") != std::string::npos; }))
+        << host.log();
     close(taken);
     EXPECT_TRUE(host.waitUntilListening());
 }
@@ -103,15 +102,15 @@ TEST(HostProgram, standsAloneInItsSupportFolder)
     lab::XServer server;
     HostProgram host(server.display());
     ASSERT_TRUE(host.waitUntilListening());
-    const auto second = lab::Process::start({std::string(PELORIN_BIN_DIR) + "/pelorin-host", "--headless",
-        "--support-dir", host.support().string()});
+    const auto second = lab::Process::start(
+        {lab::programPath("pelorin-host"), "--headless", "--support-dir", host.support().string()});
     EXPECT_GT(second->waitForExit(20'000), 0);
     EXPECT_TRUE(host.process().isRunning());
 
     host.process().signal(SIGKILL); // leaves its socket behind, which must not keep the next one out
     host.process().waitForExit(10'000);
-    const auto next = lab::Process::start({std::string(PELORIN_BIN_DIR) + "/pelorin-host", "--headless",
-                                              "--support-dir", host.support().string()},
+    const auto next = lab::Process::start(
+        {lab::programPath("pelorin-host"), "--headless", "--support-dir", host.support().string()},
         {"DISPLAY=" + server.display()});
     EXPECT_TRUE(host.waitUntilListening());
 }

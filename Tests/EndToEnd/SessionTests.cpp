@@ -255,8 +255,7 @@ TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
     Desktop desktop({.widthPx = 1920, .heightPx = 1080, .isXorg = false, .extraArguments = {}});
     HostProgram host(desktop.server.display());
     ASSERT_TRUE(host.waitUntilListening());
-    const auto motion
-        = desktop.server.launch({std::string(PELORIN_BIN_DIR) + "/pelorin-bench-target", "motion"});
+    const auto motion = desktop.server.launch({lab::programPath("pelorin-bench-target"), "motion"});
     peers::RawPhone phone(host.port());
     ASSERT_TRUE(phone.sayHello() && phone.wait<message::VideoFrame>());
 

@@ -12,14 +12,10 @@
 #include <unistd.h>
 
 namespace pelorin::lab {
-namespace {
-
-std::string program(const char* name)
+std::string programPath(const char* name)
 {
     return std::string(PELORIN_BIN_DIR) + "/" + name;
 }
-
-} // namespace
 
 TemporaryFolder::TemporaryFolder()
 {
@@ -66,14 +62,14 @@ HostProgram::HostProgram(const std::string& display, const std::string& settings
     write(support() / "host.json",
         "{\"allowLoopbackForTesting\": true, \"rendezvous\": false, \"port\": " + std::to_string(listenPort)
             + (settings.empty() ? "" : ", " + settings) + "}");
-    running = Process::start({program("pelorin-host"), "--headless", "--support-dir", support().string(),
+    running = Process::start({programPath("pelorin-host"), "--headless", "--support-dir", support().string(),
                                  "--log-dir", folder.path().string()},
         {"DISPLAY=" + display}, (folder.path() / "host.log").string());
 }
 
 std::string HostProgram::control(std::vector<std::string> arguments) const
 {
-    arguments.insert(arguments.begin(), program("pelorin-host"));
+    arguments.insert(arguments.begin(), programPath("pelorin-host"));
     arguments.insert(arguments.end(), {"--support-dir", support().string()});
     const TemporaryFolder outputFolder;
     const auto output = outputFolder.path() / "output";
@@ -97,8 +93,8 @@ ViewerProgram::ViewerProgram(
 {
     const auto scriptFile = folder.path() / "input.script";
     write(scriptFile, script);
-    std::vector<std::string> arguments{program("pelorin-viewer"), host.address(), "--headless", "--script",
-        scriptFile.string(), "--screenshot", screenshot().string(), "--json"};
+    std::vector<std::string> arguments{programPath("pelorin-viewer"), host.address(), "--headless",
+        "--script", scriptFile.string(), "--screenshot", screenshot().string(), "--json"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     running = Process::start(arguments, {}, (folder.path() / "output.log").string());
 }

@@ -8,6 +8,8 @@
 
 namespace pelorin::lab {
 
+std::string programPath(const char* name); // of a program of this build
+
 // A folder for one test, removed with it.
 class TemporaryFolder {
 public:
