@@ -79,7 +79,7 @@ void VideoReceiver::receive(message::VideoFrame frame)
     outcome.stamps = FrameStamps::parse(codec, frame.data);
     outcome.arrivedAt = queue->now();
     decodeQueue->post(
-        [this, target = decoding, home = queue, clock = decodeQueue.get(), alive = lifetime.watch(),
+        [this, target = decoding, home = queue, clock = decodeQueue, alive = lifetime.watch(),
             outcome = std::move(outcome), frame = std::move(frame)]() mutable {
             outcome.picture = target->decode(std::move(frame));
             outcome.decodedAt = clock->now();

@@ -247,7 +247,8 @@ TEST(Session, keepsPaceWithTenThousandInputMessagesASecond)
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(phone.wait<message::Pong>());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 4s); // a sanitizer on a loaded machine included
-    EXPECT_TRUE(eventually([&] { return heldOn(desktop.server.display()).pointerX == 1279; }));
+    EXPECT_TRUE(eventually([&] { return heldOn(desktop.server.display()).pointerX == 1279; }))
+        << heldOn(desktop.server.display()).pointerX << host.log();
 }
 
 TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
