@@ -74,17 +74,17 @@ XtestEventPosting::~XtestEventPosting()
 void XtestEventPosting::postPointer(PointerEventType, Point target, int, int)
 {
     queue->assertCurrent();
-    if (buttonsInLine > 0) {
-        // Behind the button, or a click would become a drag; of a row of moves the last one counts.
-        if (auto* last = std::get_if<Move>(&line.back()))
-            last->target = target;
-        else
-            enqueue(Move{target});
-        return;
+    if (!isConnected()) return;
+    if (pointerEventsInLine == 0 && device->isWritable()) {
+        device->movePointer(target);
+        return device->flush();
     }
-    if (!isConnected() || !device->isWritable()) return;
-    device->movePointer(target);
-    device->flush();
+    // Behind the buttons, or a click would become a drag; of a row of moves the last one counts.
+    auto* last = line.empty() ? nullptr : std::get_if<Move>(&line.back());
+    if (last)
+        last->target = target;
+    else
+        enqueue(Move{target});
 }
 
 void XtestEventPosting::postButton(MouseButton button, bool isDown, Point position, int)
@@ -165,11 +165,16 @@ void XtestEventPosting::loseDevice()
     pumpTimer.cancel();
     device.reset();
     line.clear();
-    buttonsInLine = 0;
+    pointerEventsInLine = 0;
     modifiersDown.clear();
     keysDown.clear();
     textKeys.reset();
     lockStateReadAt = {};
+}
+
+bool XtestEventPosting::isPointerEvent(const Event& event)
+{
+    return std::holds_alternative<Button>(event) || std::holds_alternative<Move>(event);
 }
 
 // Releases find room beyond the limit, or what is held down would stay so.
@@ -182,7 +187,7 @@ void XtestEventPosting::enqueue(Event event, bool isRelease)
             logger.warning("too much input waits behind a long text; what comes now is dropped");
         return;
     }
-    buttonsInLine += std::holds_alternative<Button>(event) ? 1 : 0;
+    pointerEventsInLine += isPointerEvent(event);
     line.push_back(std::move(event));
     if (!pumpTimer) pump();
 }
@@ -194,7 +199,7 @@ void XtestEventPosting::pump()
         if (!device->isWritable()) return pumpAfter(unwritableDelay);
         const Wait wait = std::visit([this](auto& event) { return carryOut(event); }, line.front());
         if (wait) return pumpAfter(*wait);
-        buttonsInLine -= std::holds_alternative<Button>(line.front()) ? 1 : 0;
+        pointerEventsInLine -= isPointerEvent(line.front());
         line.pop_front();
     }
     isOverflowLogged = false;
@@ -203,7 +208,7 @@ void XtestEventPosting::pump()
 
 void XtestEventPosting::pumpAfter(Duration delay)
 {
-    device->flush();
+    if (device->isWritable()) device->flush(); // which otherwise waits
     pumpTimer = queue->after(delay, [this] {
         pumpTimer = {};
         pump();

@@ -14,9 +14,9 @@
 namespace pelorin {
 
 // Posts events through XTEST. Events stand in one line, because text that needs spare keycodes takes its
-// time; what comes after it waits behind it. Only pointer moves overtake, while no button stands in the line.
-// Connects at the first event, and again, at most once a second, when the server is gone. Queue: the
-// session's. Owns the device. Owned by the HostSession.
+// time; what comes after it waits behind it. Only pointer moves overtake, while no pointer event stands in
+// the line. Connects at the first event, and again, at most once a second, when the server is gone. Queue:
+// the session's. Owns the device. Owned by the HostSession.
 class XtestEventPosting final : public EventPosting {
 public:
     XtestEventPosting(QueueRef queue, std::string display); // as in $DISPLAY; empty takes that variable
@@ -55,6 +55,7 @@ private:
     };
     using Event = std::variant<Move, Button, ScrollClicks::Clicks, Key, Text>;
 
+    static bool isPointerEvent(const Event& event);
     bool isConnected();
     void loseDevice();
     void enqueue(Event event, bool isRelease = false);
@@ -88,7 +89,7 @@ private:
     std::optional<SteadyTime> lastAttempt;
 
     std::deque<Event> line;
-    std::size_t buttonsInLine = 0;
+    std::size_t pointerEventsInLine = 0;
 
     // Of the present server:
     std::unique_ptr<XtestDevice> device;
