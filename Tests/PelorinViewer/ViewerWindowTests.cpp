@@ -33,7 +33,9 @@ protected:
                 != std::string::npos;
         }));
         setenv("DISPLAY", server.display().c_str(), 1);
-        setenv("SDL_RENDER_DRIVER", "software", 1); // the same on every machine
+        // The same on every machine, and without graphics drivers, which leave memory behind.
+        setenv("SDL_RENDER_DRIVER", "software", 1);
+        setenv("SDL_FRAMEBUFFER_ACCELERATION", "0", 1);
         input.onMouseMove = [this](double dx, double) { change([dx](Told& told) { told.movedX += dx; }); };
         input.onMouseButton = [this](MouseButton button, bool isDown) {
             change([=](Told& told) { told.buttons.emplace_back(button, isDown); });
