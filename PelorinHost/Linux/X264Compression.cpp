@@ -147,7 +147,7 @@ int threadsFor(const CompressionRequest& request)
     constexpr int pixelsPerThread = 1'000'000;
     const int processors = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
     const int bySize = (request.widthPx * request.heightPx + pixelsPerThread - 1) / pixelsPerThread;
-    return std::clamp(bySize, 1, std::max(1, processors / 2));
+    return std::clamp(bySize, 1, std::max(1, processors));
 }
 
 CompressionStatus X264Session::open()
