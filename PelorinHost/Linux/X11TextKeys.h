@@ -20,7 +20,9 @@ public:
     using Keysym = std::uint32_t;
     using Time = std::chrono::steady_clock::time_point;
 
-    static constexpr auto reuseDelay = std::chrono::milliseconds(80);
+    // 80 ms is enough for applications on an idle machine, and too short as soon as compilers run beside
+    // them.
+    static constexpr auto reuseDelay = std::chrono::milliseconds(250);
 
     // keysyms: keysymsPerKeycode for each keycode from firstKeycode on, as the server tells them. Spares that
     // still bear characters, of a host that was killed, count as spares again.

@@ -22,8 +22,6 @@ constexpr int maxStrokesInARow
 constexpr auto strokesPause = 4ms;
 constexpr auto unwritableDelay = 4ms; // until a server that takes nothing is asked again
 constexpr auto lockStateAge = 50ms; // how long Caps Lock and the layout group are believed
-// Applications have looked up by then what was typed last.
-constexpr auto lookupGrace = 250ms;
 // Pieces of text are at most 16 units, so a full line is 2 MiB of text at most.
 constexpr std::size_t maxLine = 65'536;
 
@@ -243,6 +241,7 @@ XtestEventPosting::Wait XtestEventPosting::carryOut(ScrollClicks::Clicks& clicks
 
 XtestEventPosting::Wait XtestEventPosting::carryOut(Key& key)
 {
+    lockStateReadAt = {}; // any key may be the one that locks
     if (key.isModifier)
         changeModifier(key);
     else if (key.isDown)
@@ -376,7 +375,7 @@ void XtestEventPosting::readLockState()
 void XtestEventPosting::returnSpareKeys()
 {
     if (!textKeys) return;
-    for (const auto keycode : textKeys->assignedBefore(queue->now() - lookupGrace))
+    for (const auto keycode : textKeys->assignedBefore(queue->now() - X11TextKeys::reuseDelay))
         device->setKeysyms(keycode, noKeysyms);
 }
 

@@ -138,6 +138,57 @@ TEST_F(XtestEventPostingTest, capsLockTogglesAsTheKeyDoes)
     }
 }
 
+TEST_F(XtestEventPostingTest, keepsEventsBehindTextAndLetsOnlyThePointerOvertake)
+{
+    posting->postPointer(PointerEventType::moved, {1, 1}, 0, 0);
+    posting->postUnicode(u"你好");
+    posting->postKey(MacKey::returnKey, true, none, false);
+    posting->postKey(MacKey::returnKey, false, none, false);
+    posting->postPointer(PointerEventType::moved, {2, 2}, 0, 0); // overtakes
+    posting->postButton(MouseButton::left, true, {2, 2}, 1);
+    posting->postPointer(PointerEventType::leftDragged, {3, 3}, 0, 0); // would overtake its own button
+    posting->postPointer(PointerEventType::leftDragged, {4, 4}, 0, 0);
+    posting->postButton(MouseButton::left, false, {4, 4}, 1);
+    EXPECT_THAT(windowEvents(), ElementsAre("motion 1,1", "key 8 down", "key 8 up", "motion 2,2"));
+    time.advance(4ms);
+    EXPECT_THAT(windowEvents(),
+        ElementsAre("key 93 down", "key 93 up", "key 36 down", "key 36 up", "button 1 down at 2,2",
+            "motion 4,4", "button 1 up at 4,4"));
+}
+
+TEST_F(XtestEventPostingTest, givesSpareKeysBackAtTheEnd)
+{
+    const auto mapping = [&] { return server->run({"xmodmap", "-pke"}); };
+    XtestEventPosting::tidy(server->display());
+    const auto before = mapping();
+    posting->postUnicode(u"你好");
+    time.advance(1s);
+    posting->postUnicode(u"们"); // somebody may be looking this one up
+    posting->cursorLocation();
+    EXPECT_NE(mapping(), before);
+    posting.reset();
+    const auto left = mapping();
+    EXPECT_EQ(left.find("U4F60"), std::string::npos);
+    EXPECT_NE(left.find("U4EEC"), std::string::npos) << left;
+    XtestEventPosting::tidy(server->display());
+    EXPECT_EQ(mapping(), before);
+}
+
+TEST_F(XtestEventPostingTest, dropsWhatIsMoreThanAPhoneCouldMean)
+{
+    int lines = 0;
+    Log::observe([&](auto...) { ++lines; });
+    const std::u16string piece = u"一丁丂七丄丅丆万丈三上下丌不与丏";
+    posting->postKey(MacKey::a, true, none, false);
+    for (int i = 0; i < 70'000; ++i) posting->postUnicode(piece);
+    posting->postKey(MacKey::b, true, none, false); // dropped as well
+    posting->postKey(MacKey::a, false, none, false); // waits, or it would stay down
+    EXPECT_EQ(lines, 1);
+    Log::observe({});
+    posting.reset();
+    EXPECT_FALSE(window.isKeyDown(38));
+}
+
 TEST_F(XtestEventPostingTest, goesOnWithTheNextServerAfterACrash)
 {
     lab::XServer mortal;
