@@ -61,7 +61,7 @@ Result<void, std::string> HostController::start()
 }
 
 template <class Work>
-auto HostController::here(Work work)
+auto HostController::here(const Work& work)
 {
     return [work, queue = queue, alive = lifetime.watch()](auto... values) {
         queue->post([work, alive, ... values = std::move(values)] {

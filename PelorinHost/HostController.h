@@ -33,7 +33,7 @@ private:
     void letGo();
     // A callback of the server's that does its work on our queue.
     template <class Work>
-    auto here(Work work);
+    auto here(const Work& work);
 
     SessionSurroundings surroundings;
     HostServer::Listen listen;

@@ -41,15 +41,15 @@ struct HostServer::Reporter {
         session.onStats = [*this](const SessionFigures& figures) { report(&HostServer::updated, figures); };
         session.onOptionsChanged
             = [*this](HostSession& changed) { report(&HostServer::optionsChanged, changed.options); };
-        session.onClose = [*this](HostSession& ended, std::optional<std::string> reason) {
+        session.onClose = [*this](HostSession& ended, const std::optional<std::string>& reason) {
             report(&HostServer::sessionClosed, ended.endKind, reason.value_or("closed"));
         };
     }
 
     template <class Method, class... Values>
-    void report(Method method, Values... values) const
+    void report(Method method, const Values&... values) const
     {
-        queue->post([=, *this] {
+        queue->post([... values = values, method, *this] {
             if (alive) (server->*method)(id, values...);
         });
     }
@@ -230,6 +230,7 @@ void HostServer::sessionClosed(ConnectionID id, EndKind kind, const std::string&
 
 void HostServer::activeEnded(EndKind kind, const std::string& reason)
 {
+    if (!activeSession) return;
     const Record record = std::move(activeSession->second);
     activeSession.reset();
     const std::chrono::duration<double> duration = queue->now() - record.since;

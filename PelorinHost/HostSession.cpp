@@ -69,7 +69,7 @@ struct HostSession::Running {
     std::unique_ptr<PowerAssertion> displayAwake;
     VideoSender video;
     PhoneInput input;
-    std::optional<CursorSampler> cursor; // for a phone that draws it itself
+    std::unique_ptr<CursorSampler> cursor; // for a phone that draws it itself
     StreamKeeper stream;
     std::optional<std::string> lastPath;
     SteadyTime nextSwitchAt;
@@ -244,16 +244,7 @@ void HostSession::on(const InputMessage& input)
 
 void HostSession::startStreaming()
 {
-    if (running->drawsCursor())
-        running->cursor.emplace(
-            queue, surroundings.queues.makeQueue("dev.pelorin.host.cursor"),
-            [&platform = surroundings.platform] { return platform.makeCursorSource(); },
-            running->input.injector());
-    if (running->cursor) {
-        running->cursor->onPosition = [this](message::CursorPosition at) { outlet.sendLatest(at); };
-        running->cursor->onImage
-            = [this](message::CursorImage image) { outlet.sendLatest(std::move(image)); };
-    }
+    if (running->drawsCursor()) startCursor();
     running->video.onKeyframeWanted = [this] { running->stream.running().requestKeyframe(); };
     running->video.onRepeatWanted = [this] { running->stream.running().repeatLastFrame(); };
     running->stream.onFormat = [this](VideoCodec codec, std::vector<Bytes> sets) {
@@ -270,6 +261,16 @@ void HostSession::startStreaming()
     running->statsTimer = queue->every(statsPeriod, [this] { statisticsTick(); });
     running->pathTimer = queue->every(pathPeriod, [this] { checkPath(); });
     running->displayWatchTimer = queue->every(displayWatchPeriod, [this] { watchDisplays(); });
+}
+
+void HostSession::startCursor()
+{
+    running->cursor = std::make_unique<CursorSampler>(
+        queue, surroundings.queues.makeQueue("dev.pelorin.host.cursor"),
+        [&platform = surroundings.platform] { return platform.makeCursorSource(); },
+        running->input.injector());
+    running->cursor->onPosition = [this](message::CursorPosition at) { outlet.sendLatest(at); };
+    running->cursor->onImage = [this](message::CursorImage image) { outlet.sendLatest(std::move(image)); };
 }
 
 ScreenStreamer::Settings HostSession::streamSettings()

@@ -68,6 +68,7 @@ private:
     void on(const InputMessage& input);
 
     void startStreaming();
+    void startCursor();
     ScreenStreamer::Settings streamSettings();
     void captureIs(const message::DisplayInfo& info);
 
