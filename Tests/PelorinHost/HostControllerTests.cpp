@@ -25,8 +25,8 @@ struct QuietListener final : TcpListener {
 
 // The controller on hand-driven queues, its control socket a real one.
 struct ControllerTest : testing::Test {
+    fakes::FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
     ManualQueues queues;
-    fakes::FakeHostPlatform platform;
     lab::TemporaryFolder folder;
     HostController::Places places{folder.path() / "support", folder.path() / "log"};
     TcpListener* listener = nullptr;

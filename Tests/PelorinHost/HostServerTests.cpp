@@ -39,8 +39,8 @@ std::string describe(const ServerEvent& event)
 }
 
 struct ServerTest : testing::Test {
+    FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
     ManualQueues queues;
-    FakeHostPlatform platform;
     HostConfig config;
     std::deque<std::optional<NetError>> listenResults; // success once it is empty
     std::vector<std::string> listenCalls;

@@ -18,8 +18,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 struct SessionTest : testing::Test {
+    FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
     ManualQueues queues;
-    FakeHostPlatform platform;
     HostConfig config;
     LoopbackPair pair = LoopbackPair::make({});
     std::unique_ptr<FakePhone> phone;
