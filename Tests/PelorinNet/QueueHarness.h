@@ -3,8 +3,9 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "PelorinNet/Queue/QueuePool.h"
 
-#include <future>
 #include <gtest/gtest.h>
+#include <semaphore>
+#include <thread>
 
 namespace pelorin {
 
@@ -17,12 +18,12 @@ public:
     // Runs task on queue and returns when it has run.
     void runOn(const QueueRef& queue, Task task)
     {
-        std::promise<void> done;
+        std::binary_semaphore done(0);
         queue->post([&] {
             task();
-            done.set_value();
+            done.release();
         });
-        done.get_future().wait();
+        done.acquire();
     }
 
     // Returns when condition, asked on queue, holds; fails after a deadline far beyond need.
