@@ -10,7 +10,7 @@
 #include "PelorinHost/Linux/X11Power.h"
 #include "PelorinHost/Linux/XtestEventPosting.h"
 
-#include <mutex>
+#include <atomic>
 
 namespace pelorin {
 namespace {
@@ -26,6 +26,10 @@ public:
           allowed(display)
     {
     }
+    ~X11Platform() override
+    {
+        if (hasPosted) XtestEventPosting::tidy(display); // what the last session typed last
+    }
 
     DisplayCapture& displayCapture() override { return capture; }
     DisplayBounds& displayBounds() override { return bounds; }
@@ -37,7 +41,7 @@ public:
     std::unique_ptr<EventPosting> makeEventPosting(QueueRef sessionQueue) override
     {
         // Only now, since a second host that is about to be turned away must not disturb the first.
-        std::call_once(tidied, [this] { XtestEventPosting::tidy(display); });
+        if (!hasPosted.exchange(true)) XtestEventPosting::tidy(display);
         return std::make_unique<XtestEventPosting>(std::move(sessionQueue), display);
     }
     std::unique_ptr<Pasteboard> makePasteboard(QueueRef sessionQueue) override
@@ -57,7 +61,7 @@ private:
     X11Power keepAwake;
     X11Permissions allowed;
     LinuxSystem machine;
-    std::once_flag tidied;
+    std::atomic<bool> hasPosted = false;
 };
 
 } // namespace
