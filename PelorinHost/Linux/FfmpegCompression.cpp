@@ -141,7 +141,7 @@ Compression::Created FfmpegCompression::createSession(const CompressionRequest& 
     }
     const double frameNanoseconds = 1e9 / std::max(1, request.frameRate);
     const double share
-        = request.specification == EncoderSpecification::lowLatency ? lowLatencyShare : realTimeShare;
+        = request.mode == EncoderMode::lowLatency ? lowLatencyShare : realTimeShare;
     CompressionStatus status = compressionStatus::notAvailable;
     for (const auto& [encoder, nanosecondsPerPixel] : known) {
         if (encoder.codec != request.codec) continue;

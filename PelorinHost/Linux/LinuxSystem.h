@@ -4,7 +4,7 @@
 
 namespace pelorin {
 
-// The host name and the directories of the XDG base directory specification.
+// The host name, and the base directories as XDG names them.
 class LinuxSystem final : public System {
 public:
     std::string hostName() override;

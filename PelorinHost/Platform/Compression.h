@@ -13,7 +13,7 @@ namespace pelorin {
 using CompressionStatus = int;
 namespace compressionStatus {
 inline constexpr CompressionStatus success = 0;
-inline constexpr CompressionStatus notAvailable = -12908; // no encoder for that codec and specification
+inline constexpr CompressionStatus notAvailable = -12908; // no encoder for that codec and mode
 inline constexpr CompressionStatus tooSlow
     = -12915; // exists, but can't hold the asked rate at the asked size
 inline constexpr CompressionStatus badParameter = -12902;
@@ -24,13 +24,13 @@ inline constexpr CompressionStatus failed = -12903;
 // What is asked of an encoder: lowLatency holds the frame rate in real time, gives every frame out at once
 // and follows the bitrate within a second, in software or hardware; hardwareAccelerated is any encoder of
 // regular real-time mode.
-enum class EncoderSpecification { lowLatency, hardwareAccelerated };
+enum class EncoderMode { lowLatency, hardwareAccelerated };
 
 struct CompressionRequest {
     VideoCodec codec = VideoCodec::h264;
     int widthPx = 0;
     int heightPx = 0;
-    EncoderSpecification specification = EncoderSpecification::lowLatency;
+    EncoderMode mode = EncoderMode::lowLatency;
     int frameRate = 60; // expected, frames per second
 };
 

@@ -153,23 +153,23 @@ std::shared_ptr<CompressionSession> VideoEncoder::createSession(int widthPx, int
 
 Compression::Created VideoEncoder::createInChain(int widthPx, int heightPx)
 {
-    const auto create = [&](EncoderSpecification specification) {
+    const auto create = [&](EncoderMode mode) {
         return compression.createSession({.codec = currentCodec,
             .widthPx = widthPx,
             .heightPx = heightPx,
-            .specification = specification,
+            .mode = mode,
             .frameRate = frameRate});
     };
-    auto created = create(EncoderSpecification::lowLatency);
+    auto created = create(EncoderMode::lowLatency);
     if (created.status != compressionStatus::success && currentCodec == VideoCodec::hevc) {
         log.warning("HEVC low-latency unavailable ({}); falling back to H.264", created.status);
         currentCodec = VideoCodec::h264;
-        created = create(EncoderSpecification::lowLatency);
+        created = create(EncoderMode::lowLatency);
     }
     isLowLatency = created.status == compressionStatus::success;
     if (isLowLatency) return created;
     log.warning("low-latency rate control unavailable ({}); using regular real-time mode", created.status);
-    return create(EncoderSpecification::hardwareAccelerated);
+    return create(EncoderMode::hardwareAccelerated);
 }
 
 void VideoEncoder::configure(CompressionSession& made, int rate)

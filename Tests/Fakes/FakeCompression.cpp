@@ -57,7 +57,7 @@ private:
 Compression::Created FakeCompression::createSession(const CompressionRequest& request)
 {
     requests.push_back(request);
-    const auto scripted = statuses.find({request.codec, request.specification});
+    const auto scripted = statuses.find({request.codec, request.mode});
     if (scripted != statuses.end() && scripted->second != compressionStatus::success)
         return {scripted->second, nullptr};
     if (givesNoSession) return {compressionStatus::success, nullptr};

@@ -43,7 +43,7 @@ public:
     };
 
     // What createSession answers; success where nothing is said.
-    std::map<std::pair<VideoCodec, EncoderSpecification>, CompressionStatus> statuses;
+    std::map<std::pair<VideoCodec, EncoderMode>, CompressionStatus> statuses;
     std::map<std::string, CompressionStatus> propertyStatuses; // by the property's name
     CompressionStatus encodeStatus = compressionStatus::success;
     bool givesNoSession = false; // says success without one

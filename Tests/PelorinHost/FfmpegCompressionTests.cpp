@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 using namespace compressionProperty;
 using namespace lab;
 using testing::ElementsAre;
-using enum EncoderSpecification;
+using enum EncoderMode;
 
 Bytes concatenate(std::initializer_list<Bytes> parts)
 {
@@ -94,8 +94,8 @@ TEST(FfmpegCompression, findsMissingHardwareNotAvailable)
     FfmpegCompression compression(hardwareEncoders());
     compression.probe();
     for (const auto codec : {VideoCodec::hevc, VideoCodec::h264})
-        for (const auto specification : {lowLatency, hardwareAccelerated}) {
-            const auto created = compression.createSession({codec, 640, 400, specification, 30});
+        for (const auto mode : {lowLatency, hardwareAccelerated}) {
+            const auto created = compression.createSession({codec, 640, 400, mode, 30});
             EXPECT_EQ(created.session != nullptr, created.status == compressionStatus::success);
             EXPECT_TRUE(created.session || created.status == compressionStatus::notAvailable);
         }

@@ -10,7 +10,7 @@ namespace {
 using namespace std::chrono_literals;
 using namespace compressionProperty;
 using testing::ElementsAre;
-using enum EncoderSpecification;
+using enum EncoderMode;
 
 // Every line of the encoder's log while it stands.
 class LogLines {
@@ -59,7 +59,7 @@ struct Reports {
 
 TEST(VideoEncoder, fallsBackInItsFixedChain)
 {
-    using Status = std::map<std::pair<VideoCodec, EncoderSpecification>, CompressionStatus>;
+    using Status = std::map<std::pair<VideoCodec, EncoderMode>, CompressionStatus>;
     constexpr auto hevc = VideoCodec::hevc;
     constexpr auto h264 = VideoCodec::h264;
     const struct {
