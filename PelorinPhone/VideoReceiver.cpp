@@ -78,15 +78,14 @@ void VideoReceiver::receive(message::VideoFrame frame)
     outcome.ptsMicros = frame.ptsMicros;
     outcome.stamps = FrameStamps::parse(codec, frame.data);
     outcome.arrivedAt = queue->now();
-    decodeQueue->post(
-        [this, target = decoding, home = queue, clock = decodeQueue, alive = lifetime.watch(),
-            outcome = std::move(outcome), frame = std::move(frame)]() mutable {
-            outcome.picture = target->decode(std::move(frame));
-            outcome.decodedAt = clock->now();
-            home->post([this, alive, outcome = std::move(outcome)]() mutable {
-                if (alive) finished(std::move(outcome));
-            });
+    decodeQueue->post([this, target = decoding, home = queue, clock = decodeQueue, alive = lifetime.watch(),
+                          outcome = std::move(outcome), frame = std::move(frame)]() mutable {
+        outcome.picture = target->decode(std::move(frame));
+        outcome.decodedAt = clock->now();
+        home->post([this, alive, outcome = std::move(outcome)]() mutable {
+            if (alive) finished(std::move(outcome));
         });
+    });
 }
 
 void VideoReceiver::finished(Outcome outcome)

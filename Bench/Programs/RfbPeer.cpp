@@ -120,7 +120,8 @@ public:
         connection.write(Bytes(version.begin(), version.end()));
         Bytes types(connection.readInteger(1));
         connection.read(types);
-        if (std::ranges::find(types, 1) == types.end()) throw std::runtime_error("the server wants a password");
+        if (std::ranges::find(types, 1) == types.end())
+            throw std::runtime_error("the server wants a password");
         connection.write({1});
         if (connection.readInteger(4) != 0) throw std::runtime_error("refused");
         connection.write({1});

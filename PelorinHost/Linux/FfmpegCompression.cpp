@@ -140,8 +140,7 @@ Compression::Created FfmpegCompression::createSession(const CompressionRequest& 
         known = proven;
     }
     const double frameNanoseconds = 1e9 / std::max(1, request.frameRate);
-    const double share
-        = request.mode == EncoderMode::lowLatency ? lowLatencyShare : realTimeShare;
+    const double share = request.mode == EncoderMode::lowLatency ? lowLatencyShare : realTimeShare;
     CompressionStatus status = compressionStatus::notAvailable;
     for (const auto& [encoder, nanosecondsPerPixel] : known) {
         if (encoder.codec != request.codec) continue;
