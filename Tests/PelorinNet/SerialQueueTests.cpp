@@ -328,8 +328,8 @@ public:
 private:
     void ask()
     {
-        other->post([this, &queue = *own, alive = lifetime.watch()] {
-            queue.post([this, alive] {
+        other->post([this, queue = own, alive = lifetime.watch()] {
+            queue->post([this, alive] {
                 if (alive) ++answers; // a stale one would count in freed memory
             });
         });
