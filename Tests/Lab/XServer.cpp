@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/syscall.h>
@@ -136,8 +137,10 @@ XServer::XServer(Options newOptions) : options(std::move(newOptions))
 
 XServer::~XServer()
 {
+    const bool isKilled = !process->isRunning();
     process.reset();
     std::error_code ignored;
+    if (isKilled) std::filesystem::remove("/tmp/.X" + displayName.substr(1) + "-lock", ignored);
     if (!folder.empty()) std::filesystem::remove_all(folder, ignored);
 }
 
@@ -188,6 +191,9 @@ void XServer::kill()
 {
     process->signal(SIGKILL);
     process->waitForExit(10'000);
+    // Until the restart the number stays taken, by us: another test's server would find the dead one's lock
+    // stale.
+    std::ofstream("/tmp/.X" + displayName.substr(1) + "-lock") << std::setw(10) << getpid() << '\n';
 }
 
 void XServer::pause()
