@@ -142,8 +142,9 @@ CompressionStatus X264Session::takeSettings()
 
 int threadsFor(const CompressionRequest& request)
 {
-    // A small picture is done before a second thread has woken; and the application being shown wants its
-    // processors, too.
+    // A small picture is done before a second thread has woken. A large one is on its way sooner for the same
+    // processor time, at the price of what a slice can't borrow from its neighbour: some 2 dB on scrolling
+    // text.
     constexpr int pixelsPerThread = 1'000'000;
     const int processors = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
     const int bySize = (request.widthPx * request.heightPx + pixelsPerThread - 1) / pixelsPerThread;
