@@ -2,18 +2,23 @@
 
 #include "PelorinCore/Result.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 extern char** environ;
 
@@ -41,6 +46,37 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& additio
         if (!isReplaced) all.emplace_back(existing);
     }
     return all;
+}
+
+// Servers that choose their number start under the shared lock. A killed server's number changes hands under
+// the exclusive one, so that no other test's server finds it free in between.
+class NumberLock {
+public:
+    explicit NumberLock(int kind)
+        : file(open("/tmp/.pelorin-lab-displays", O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        require(flock(file, kind) == 0, "flock");
+    }
+    ~NumberLock() { close(file); }
+    NumberLock(const NumberLock&) = delete;
+    NumberLock& operator=(const NumberLock&) = delete;
+
+private:
+    int file;
+};
+
+// The address that a server looks for first when it chooses a number; it refuses while nobody listens there.
+int holdAddress(const std::string& displayNumber)
+{
+    const auto name = "/tmp/.X11-unix/X" + displayNumber;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::copy(name.begin(), name.end(), address.sun_path + 1); // the zero before it makes it an abstract name
+    const int held = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    require(
+        bind(held, reinterpret_cast<const sockaddr*>(&address), length) == 0, "a display number was lost");
+    return held;
 }
 
 // Starts a program with descriptors 1 and 2 as given; keptFd stays open in it under its own number.
@@ -132,15 +168,15 @@ long Process::residentKiB() const
 
 XServer::XServer(Options newOptions) : options(std::move(newOptions))
 {
+    const NumberLock lock(LOCK_SH);
     begin(-1);
 }
 
 XServer::~XServer()
 {
-    const bool isKilled = !process->isRunning();
     process.reset();
+    if (heldAddress >= 0) close(heldAddress);
     std::error_code ignored;
-    if (isKilled) std::filesystem::remove("/tmp/.X" + displayName.substr(1) + "-lock", ignored);
     if (!folder.empty()) std::filesystem::remove_all(folder, ignored);
 }
 
@@ -189,11 +225,10 @@ void XServer::begin(int displayNumber)
 
 void XServer::kill()
 {
+    const NumberLock lock(LOCK_EX);
     process->signal(SIGKILL);
     process->waitForExit(10'000);
-    // Until the restart the number stays taken, by us: another test's server would find the dead one's lock
-    // stale.
-    std::ofstream("/tmp/.X" + displayName.substr(1) + "-lock") << std::setw(10) << getpid() << '\n';
+    heldAddress = holdAddress(displayName.substr(1));
 }
 
 void XServer::pause()
@@ -209,11 +244,9 @@ void XServer::resume()
 void XServer::restart()
 {
     if (process->isRunning()) kill();
-    const int number = std::stoi(displayName.substr(1));
-    std::error_code ignored; // a killed server leaves its lock and socket behind
-    std::filesystem::remove("/tmp/.X" + std::to_string(number) + "-lock", ignored);
-    std::filesystem::remove("/tmp/.X11-unix/X" + std::to_string(number), ignored);
-    begin(number);
+    const NumberLock lock(LOCK_EX);
+    close(std::exchange(heldAddress, -1));
+    begin(std::stoi(displayName.substr(1)));
 }
 
 std::string XServer::run(std::vector<std::string> arguments) const

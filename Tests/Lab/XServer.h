@@ -63,6 +63,7 @@ private:
     std::unique_ptr<Process> process;
     std::string displayName;
     std::string folder; // configuration and log of an Xorg
+    int heldAddress = -1; // socket that keeps a killed server's number ours
 };
 
 } // namespace pelorin::lab
