@@ -57,14 +57,17 @@ std::uint16_t freePort()
     return ntohs(address.sin_port);
 }
 
-HostProgram::HostProgram(const std::string& display, const std::string& settings) : listenPort(freePort())
+HostProgram::HostProgram(
+    const std::string& display, const std::string& settings, std::vector<std::string> environment)
+    : listenPort(freePort())
 {
     write(support() / "host.json",
         "{\"allowLoopbackForTesting\": true, \"rendezvous\": false, \"port\": " + std::to_string(listenPort)
             + (settings.empty() ? "" : ", " + settings) + "}");
+    environment.push_back("DISPLAY=" + display);
     running = Process::start({programPath("pelorin-host"), "--headless", "--support-dir", support().string(),
                                  "--log-dir", folder.path().string()},
-        {"DISPLAY=" + display}, (folder.path() / "host.log").string());
+        std::move(environment), (folder.path() / "host.log").string());
 }
 
 std::string HostProgram::control(std::vector<std::string> arguments) const

@@ -31,7 +31,8 @@ std::uint16_t freePort(); // on 127.0.0.1, free a moment ago
 class HostProgram {
 public:
     // settings: JSON members added to host.json, such as R"("idleTimeoutMinutes": 0.02)".
-    explicit HostProgram(const std::string& display, const std::string& settings = {});
+    explicit HostProgram(const std::string& display, const std::string& settings = {},
+        std::vector<std::string> environment = {}); // "NAME=value" added to ours
 
     std::uint16_t port() const { return listenPort; }
     std::string address() const { return "127.0.0.1:" + std::to_string(listenPort); }
