@@ -33,6 +33,11 @@ public:
 
     virtual std::string remoteAddress() const = 0; // without port, "127.0.0.1"
     virtual std::string pathDescription() const = 0; // for people, "tcp 127.0.0.1:7420"
+
+    // What the peer proved to be while a secure channel was set up: the identity of its pre-shared key. Empty
+    // before that and on a channel that proves nothing.
+    virtual std::string peerIdentity() const { return {}; }
+    virtual bool hasFailedHandshake() const { return false; } // known when onClosed arrives
 };
 
 } // namespace pelorin
