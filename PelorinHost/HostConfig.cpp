@@ -1,6 +1,6 @@
 #include "PelorinHost/HostConfig.h"
 
-#include "PelorinHost/AtomicFile.h"
+#include "PelorinNet/Files/AtomicFile.h"
 
 #include <cmath>
 #include <limits>

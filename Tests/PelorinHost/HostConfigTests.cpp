@@ -1,5 +1,5 @@
-#include "PelorinHost/AtomicFile.h"
 #include "PelorinHost/HostConfig.h"
+#include "PelorinNet/Files/AtomicFile.h"
 #include "Tests/Lab/Programs.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "PelorinHost/AtomicFile.h"
+#include "PelorinNet/Files/AtomicFile.h"
 
 #include <cerrno>
 #include <cstdlib>
