@@ -21,7 +21,9 @@ struct PairingLink {
 
     std::string url() const; // items in the order above, percent-encoded as RFC 3986 asks
     // Nothing unless the whole link is there: scheme and host, every item but dns, a port of 16 bits and a
-    // key of exactly 32 bytes.
+    // key of exactly 32 bytes. Items may come in any order; of items with the same name the first that has a
+    // value counts, and unknown ones are passed over. Broken percent-encoding or text that is not UTF-8
+    // anywhere in the items spoils the link.
     static std::optional<PairingLink> parse(std::string_view url);
 };
 
