@@ -4,10 +4,7 @@
 #include "Tests/Lab/Wait.h"
 
 #include <arpa/inet.h>
-#include <cstdlib>
-#include <fstream>
 #include <netinet/in.h>
-#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,32 +12,6 @@ namespace pelorin::lab {
 std::string programPath(const char* name)
 {
     return std::string(PELORIN_BIN_DIR) + "/" + name;
-}
-
-TemporaryFolder::TemporaryFolder()
-{
-    auto pattern = (std::filesystem::temp_directory_path() / "pelorin-test-XXXXXX").string();
-    require(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-    folder = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-}
-
-std::string contentOf(const std::filesystem::path& file)
-{
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-void write(const std::filesystem::path& file, const std::string& content)
-{
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << content;
 }
 
 std::uint16_t freePort()

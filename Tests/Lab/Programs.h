@@ -1,30 +1,15 @@
 #pragma once
 
+#include "Tests/Lab/Files.h"
 #include "Tests/Lab/XServer.h"
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 
 namespace pelorin::lab {
 
 std::string programPath(const char* name); // of a program of this build
 
-// A folder for one test, removed with it.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    const std::filesystem::path& path() const { return folder; }
-
-private:
-    std::filesystem::path folder;
-};
-
-std::string contentOf(const std::filesystem::path& file); // empty when there is none
-void write(const std::filesystem::path& file, const std::string& content);
 std::uint16_t freePort(); // on 127.0.0.1, free a moment ago
 
 // The real host program with a support folder of its own, in test mode on a free port.
