@@ -3,6 +3,8 @@
 #include "PelorinCore/Pairing/Key.h"
 #include "PelorinNet/Channel/Channel.h"
 
+#include <vector>
+
 namespace pelorin::PelorinTLS {
 
 // From the system's secure generator. The program stops when that fails: no key is ever made of less.
