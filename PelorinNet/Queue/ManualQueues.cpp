@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <deque>
+#include <list>
 #include <mutex>
 #include <poll.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace pelorin {
@@ -38,6 +40,7 @@ struct ManualQueues::Engine final : TimerMap {
     SteadyTime now{std::chrono::hours(24)};
     Duration wallAhead = std::chrono::hours(24 * 365 * 54); // of the steady clock: a day early in 2024
     std::vector<std::weak_ptr<ManualWatch>> watches;
+    std::list<Subscription> kept; // timers that nobody else holds
 
 private:
     bool runPosted();
@@ -101,6 +104,16 @@ public:
     {
         assertCurrent();
         return engine->add(engine->now + delay, this, std::move(task));
+    }
+
+    void postAfter(Duration delay, Task task) override
+    {
+        auto& kept = engine->kept;
+        const auto place = kept.emplace(kept.end());
+        *place = after(delay, [&kept, place, task = std::move(task)]() mutable {
+            task();
+            kept.erase(place);
+        });
     }
 
     Subscription whenReadable(int fd, std::function<void()> task) override
@@ -197,6 +210,7 @@ void ManualQueues::Engine::advanceTo(SteadyTime target)
 
 void ManualQueues::Engine::stop()
 {
+    const auto discardedTimers = std::exchange(kept, {});
     std::deque<Posted> discarded;
     {
         const std::lock_guard guard(lock);

@@ -160,6 +160,15 @@ public:
         return timers->after(delay, this, std::move(task));
     }
 
+    void postAfter(Duration delay, Task task) override
+    {
+        assertCurrent();
+        auto timer = std::make_unique<asio::steady_timer>(engine->context, delay);
+        auto& alarm = *timer;
+        alarm.async_wait(asio::bind_executor(
+            queueStrand, [timer = std::move(timer), task = std::move(task)](error_code) mutable { task(); }));
+    }
+
     Subscription whenReadable(int fd, std::function<void()> task) override
     {
         assertCurrent();

@@ -36,8 +36,8 @@ private:
 };
 
 // Runs tasks one after another, in the order of their posting. Stateful objects are confined to one queue
-// each and open their operations with assertCurrent(). post may be called from any thread; after, every and
-// whenReadable only on the queue itself.
+// each and open their operations with assertCurrent(). post may be called from any thread; after, postAfter,
+// every and whenReadable only on the queue itself.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 public:
     virtual ~SerialQueue() = default;
@@ -45,6 +45,9 @@ public:
     virtual void post(Task task) = 0;
     // Never earlier than delay from now; once.
     [[nodiscard]] virtual Subscription after(Duration delay, Task task) = 0;
+    // The same for a task that nobody calls off. Until then the queues own what it captured, as with post:
+    // for what outlives its owner a little, such as a connection that still says goodbye.
+    virtual void postAfter(Duration delay, Task task) = 0;
     // First after one period, then at fixed distance from the time each was due; a late queue skips what it
     // missed.
     [[nodiscard]] Subscription every(Duration period, std::function<void()> task);

@@ -32,6 +32,7 @@ public:
     {
         return inner->after(delay, counted(std::move(task)));
     }
+    void postAfter(Duration delay, Task task) override { inner->postAfter(delay, counted(std::move(task))); }
     Subscription whenReadable(int fd, std::function<void()> task) override
     {
         return inner->whenReadable(fd, [this, task = std::move(task)] {

@@ -267,6 +267,27 @@ TYPED_TEST(AnyQueue, destroysTasksNotYetBegunWhenThePoolGoes)
     EXPECT_EQ(captured.use_count(), 1) << "a task posted to a stopped pool is destroyed at once";
 }
 
+TYPED_TEST(AnyQueue, keepsATaskForLaterWithoutAHandleUntilItRanOrThePoolGoes)
+{
+    auto harness = std::make_unique<TypeParam>();
+    const QueueRef queue = harness->makeQueue();
+    const auto captured = std::make_shared<int>();
+    bool isEarly = false;
+    harness->runOn(queue, [&] {
+        const SteadyTime due = queue->now() + 2ms;
+        queue->postAfter(2ms, [&, due, captured] {
+            isEarly = queue->now() < due;
+            queue->postAfter(1h, [queue, captured] {}); // which would keep the queue alive by itself
+            ++*captured;
+        });
+    });
+    ASSERT_TRUE(harness->waitUntil(queue, [&] { return *captured == 1; }));
+    EXPECT_FALSE(isEarly);
+    EXPECT_EQ(captured.use_count(), 2) << "one that ran is released";
+    harness.reset();
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
 TYPED_TEST(AnyQueue, countsAsCurrentForWhateverTheGoingPoolTakesApart)
 {
     struct Asserting {
