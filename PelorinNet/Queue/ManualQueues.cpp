@@ -36,6 +36,11 @@ struct ManualQueues::Engine final : TimerMap {
         return std::this_thread::get_id() == drivingThread && (!running || running == queue);
     }
     bool mayCancel(const SerialQueue* queue) const override { return isCurrent(queue); }
+    bool hasStopped()
+    {
+        const std::lock_guard guard(lock);
+        return isStopped;
+    }
 
     SteadyTime now{std::chrono::hours(24)};
     Duration wallAhead = std::chrono::hours(24 * 365 * 54); // of the steady clock: a day early in 2024
@@ -108,6 +113,7 @@ public:
 
     void postAfter(Duration delay, Task task) override
     {
+        if (engine->hasStopped()) return;
         auto& kept = engine->kept;
         const auto place = kept.emplace(kept.end());
         *place = after(delay, [&kept, place, task = std::move(task)]() mutable {

@@ -163,6 +163,7 @@ public:
     void postAfter(Duration delay, Task task) override
     {
         assertCurrent();
+        if (engine->isStopped()) return;
         auto timer = std::make_unique<asio::steady_timer>(engine->context, delay);
         auto& alarm = *timer;
         alarm.async_wait(asio::bind_executor(

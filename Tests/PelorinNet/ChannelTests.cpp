@@ -1,4 +1,5 @@
 #include "PelorinNet/Channel/LoopbackPair.h"
+#include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Channel/TcpChannel.h"
 #include "Tests/PelorinNet/QueueHarness.h"
 
@@ -41,6 +42,17 @@ struct LoopbackEnds {
     std::unique_ptr<Channel> first, second;
 };
 
+// The same ends with TLS between them.
+template <class Ends>
+struct TlsOver : Ends {
+    explicit TlsOver(PoolHarness& harness, const QueueRef& near) : Ends(harness, near)
+    {
+        const auto key = PelorinTLS::randomKey("dev-0123456789abcdef");
+        this->first = PelorinTLS::clientChannel(std::move(this->first), key);
+        this->second = PelorinTLS::serverChannel(std::move(this->second), PelorinTLS::parameters({key}));
+    }
+};
+
 template <class Ends>
 class AnyChannel : public testing::Test {
 protected:
@@ -72,7 +84,7 @@ protected:
     std::optional<std::string> closed; // how the second end was, on far
 };
 
-using Kinds = testing::Types<TcpEnds, LoopbackEnds>;
+using Kinds = testing::Types<TcpEnds, LoopbackEnds, TlsOver<TcpEnds>, TlsOver<LoopbackEnds>>;
 TYPED_TEST_SUITE(AnyChannel, Kinds);
 
 // Bytes that tell their place, so that a lost, doubled or swapped piece shows.

@@ -286,6 +286,8 @@ TYPED_TEST(AnyQueue, keepsATaskForLaterWithoutAHandleUntilItRanOrThePoolGoes)
     EXPECT_EQ(captured.use_count(), 2) << "one that ran is released";
     harness.reset();
     EXPECT_EQ(captured.use_count(), 1);
+    queue->postAfter(1ms, [queue, captured] {});
+    EXPECT_EQ(captured.use_count(), 1) << "nothing waits on a stopped pool";
 }
 
 TYPED_TEST(AnyQueue, countsAsCurrentForWhateverTheGoingPoolTakesApart)
