@@ -1,5 +1,6 @@
 #include "PelorinHost/HostSession.h"
 
+#include "PelorinCore/Label.h"
 #include "PelorinHost/Session/CursorSampler.h"
 #include "PelorinHost/Session/DisplaySelection.h"
 #include "PelorinHost/Session/HelloExchange.h"
