@@ -18,4 +18,12 @@ struct Key {
 inline constexpr std::string_view pairingPrefix = "pair-"; // the one-time key of a pairing link
 inline constexpr std::string_view devicePrefix = "dev-"; // the long-lived key of a paired phone
 
+// prefix and 16 lowercase hexadecimal digits.
+constexpr bool isIdentity(std::string_view text, std::string_view prefix)
+{
+    constexpr std::size_t digits = 16;
+    return text.starts_with(prefix) && text.size() == prefix.size() + digits
+        && text.find_first_not_of("0123456789abcdef", prefix.size()) == std::string_view::npos;
+}
+
 } // namespace pelorin::PelorinTLS
