@@ -274,6 +274,7 @@ HostServer::Status HostServer::status() const
 {
     Status status;
     if (listener && boundAddress) status.listening = fmt::format("{}:{}", *boundAddress, listener->port());
+    status.port = listener ? listener->port() : 0;
     if (activeSession) status.session = activeSession->second.figures;
     status.waitingForHello = pendingSessions.size();
     return status;

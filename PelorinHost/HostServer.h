@@ -34,6 +34,9 @@ public:
     // What programs ask for.
     struct Status {
         std::optional<std::string> listening; // "127.0.0.1:7420"
+        std::optional<std::string> tailnetAddress; // this machine's, while it has one
+        std::optional<std::string> dnsName; // of the tailnet
+        std::uint16_t port = 0; // where phones connect; 0 while nothing listens
         std::optional<SessionFigures> session; // the active one's
         std::size_t waitingForHello = 0;
     };

@@ -100,9 +100,7 @@ void HostSession::start()
     queue->assertCurrent();
     outlet.onClogged = [this](std::size_t unsentBytes) { end(SessionEnd::notReading(unsentBytes)); };
     connection->onBytes = [this](ByteView bytes) { receive(bytes); };
-    connection->onClosed = [this](std::optional<NetError> error) {
-        end(error ? SessionEnd::receiveFailed(*error) : SessionEnd::disconnected());
-    };
+    connection->onClosed = [this](std::optional<NetError> error) { connectionClosed(error); };
     connection->start(queue);
 }
 
@@ -123,6 +121,12 @@ SessionFigures HostSession::figures() const
     return running ? running->figures : SessionFigures{};
 }
 
+void HostSession::connectionClosed(const std::optional<NetError>& error)
+{
+    tlsFailed = connection->hasFailedHandshake();
+    end(error ? SessionEnd::receiveFailed(*error) : SessionEnd::disconnected());
+}
+
 void HostSession::receive(ByteView bytes)
 {
     if (closed) return;
@@ -135,15 +139,23 @@ void HostSession::receive(ByteView bytes)
     }
 }
 
+SessionState HostSession::state() const
+{
+    if (running) return SessionState::running;
+    const bool isForPairing = peerIdentity().starts_with(PelorinTLS::pairingPrefix);
+    return isForPairing ? SessionState::pairing : SessionState::beforeHello;
+}
+
 void HostSession::handle(Message& message)
 {
     if (running) running->liveness.heard(queue->now());
-    const auto state = running ? SessionState::running : SessionState::beforeHello;
-    switch (ruleFor(typeOf(message), state)) {
+    switch (ruleFor(typeOf(message), state())) {
     case MessageRule::handle:
         return std::visit([this](const auto& alternative) { on(alternative); }, message);
     case MessageRule::ignore:
         return;
+    case MessageRule::refuse:
+        return end(SessionEnd::onlyForPairing(typeOf(message)));
     case MessageRule::fault:
         return end(SessionEnd::unexpected(typeOf(message)));
     }
@@ -220,10 +232,17 @@ void HostSession::on(const message::PasteText& paste)
     running->input.paste(paste);
 }
 
-// No pairing code is open here, so whatever the phone scanned is of no use any more.
-void HostSession::on(const message::PairRequest&)
+// Only who set up this very channel with the link's key knows what the link said.
+void HostSession::on(const message::PairRequest& request)
 {
-    end(SessionEnd::pairingCodeExpired());
+    const bool isProven = state() == SessionState::pairing && request.pairingID == peerIdentity();
+    const auto device
+        = isProven ? surroundings.pairing.redeem(request.pairingID, request.deviceName) : std::nullopt;
+    if (!device) return end(SessionEnd::pairingCodeExpired());
+    const ByteView key = device->key.view();
+    outlet.send(message::PairResult{
+        device->id, Bytes(key.begin(), key.end()), surroundings.platform.system().hostName()});
+    end(SessionEnd::paired(device->name, device->id));
 }
 
 void HostSession::on(const message::LiveActivityRegister&)

@@ -8,6 +8,7 @@
 #include "PelorinHost/Session/SessionEnd.h"
 #include "PelorinHost/Session/SessionOutlet.h"
 #include "PelorinHost/Session/SessionStatistics.h"
+#include "PelorinHost/Trust/PairingStore.h"
 #include "PelorinNet/Log.h"
 
 namespace pelorin {
@@ -16,6 +17,7 @@ namespace pelorin {
 struct SessionSurroundings {
     HostPlatform& platform;
     QueueMaker& queues;
+    PairingStore& pairing;
     std::optional<std::uint32_t> defaultDisplay; // where the phone asks for no particular one
 };
 
@@ -40,17 +42,23 @@ public:
     void end(SessionEnd how);
 
     SessionFigures figures() const; // the latest
+    // What the phone proved on its way in: "dev-…" once it is paired, "pair-…" to become so, empty without
+    // TLS.
+    std::string peerIdentity() const { return connection->peerIdentity(); }
 
     const std::string peer; // as shown to the user: login or device name, or "本机（测试模式）"
     const std::string peerAddress;
     EndKind endKind = EndKind::dropped; // how it ended
     SessionOptions options; // the phone's latest
     bool saidHello = false;
+    bool tlsFailed = false; // the connection ended in its handshake
 
 private:
     struct Running;
 
+    void connectionClosed(const std::optional<NetError>& error);
     void receive(ByteView bytes);
+    SessionState state() const;
     void handle(Message& message);
 
     void on(const message::Hello& hello);
@@ -62,7 +70,7 @@ private:
     void on(const message::ClientReport& report);
     void on(const message::SetOptions& change);
     void on(const message::PasteText& paste);
-    void on(const message::PairRequest&);
+    void on(const message::PairRequest& request);
     void on(const message::LiveActivityRegister&);
     template <class InputMessage>
     void on(const InputMessage& input);

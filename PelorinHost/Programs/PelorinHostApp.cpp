@@ -91,11 +91,10 @@ void waitForEnd(const sigset_t& signals, Confined<HostController>& controller)
         controller.run([](HostController& running) { running.quit(); });
 }
 
-int run(const Options& options, HostPlatform& platform, QueuePool& pool, HostController::Places places,
+int run(QueuePool& pool, const SessionSurroundings& surroundings, HostController::Places places,
     const sigset_t& signals)
 {
     const QueueRef mainQueue = pool.makeQueue("main");
-    const SessionSurroundings surroundings{platform, pool, displayNumber(options.display)};
     const auto listen = [&pool](QueueRef queue, const std::string& address, std::uint16_t port) {
         return TcpListener::listen(pool, std::move(queue), address, port);
     };
@@ -130,10 +129,12 @@ int main(int argumentCount, char** arguments)
     if (!options.command.empty()) return ask(options, places.supportDirectory);
 
     const sigset_t signals = takeSignals();
-    std::unique_ptr<HostPlatform> platform; // outlives the pool, whose last tasks still use it
+    std::unique_ptr<HostPlatform> platform; // outlive the pool, whose last tasks still use them
+    std::optional<PairingStore> pairing;
     QueuePool pool(poolThreads);
     platform = makeLinuxPlatform(pool, displayNumber(options.display) ? "" : options.display);
-    return run(options, *platform, pool, std::move(places), signals);
+    pairing.emplace(places.supportDirectory, pool.makeQueue("dev.pelorin.host.pairing"));
+    return run(pool, {*platform, pool, *pairing, displayNumber(options.display)}, std::move(places), signals);
 }
 
 } // namespace

@@ -4,11 +4,16 @@
 
 namespace pelorin {
 
-enum class SessionState { beforeHello, running };
+enum class SessionState {
+    beforeHello,
+    pairing, // on a channel that was set up with a pairing link's key, and serves nothing else
+    running,
+};
 
 enum class MessageRule {
     handle,
     ignore, // not for this state, or a message that only the host sends
+    refuse, // not on this connection; the phone is told, and the session ends
     fault, // the phone has lost its way; the session ends
 };
 

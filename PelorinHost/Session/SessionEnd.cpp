@@ -90,6 +90,17 @@ SessionEnd SessionEnd::pairingCodeExpired()
         "配对码已过期或已经用过。请在 Mac 菜单里重新点「配对新手机」再扫一次");
 }
 
+SessionEnd SessionEnd::onlyForPairing(MessageType type)
+{
+    return told(EndKind::failed, fmt::format("{} on a connection for pairing", nameOf(type)),
+        ErrorCode::unauthorized, "这个连接只能用来配对，请先完成配对");
+}
+
+SessionEnd SessionEnd::paired(const std::string& name, const std::string& id)
+{
+    return {EndKind::paired, fmt::format("paired {} as {}", name, id), {}};
+}
+
 SessionEnd SessionEnd::captureStopped()
 {
     return told(EndKind::failed, "屏幕采集已停止", ErrorCode::internalError, "屏幕采集已停止");

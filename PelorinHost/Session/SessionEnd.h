@@ -29,6 +29,8 @@ struct SessionEnd {
     static SessionEnd versionMismatch(std::uint16_t clientVersion);
     static SessionEnd permissionsMissing(const std::string& missing);
     static SessionEnd pairingCodeExpired();
+    static SessionEnd onlyForPairing(MessageType type); // was asked of a connection for pairing
+    static SessionEnd paired(const std::string& name, const std::string& id);
     static SessionEnd captureStopped();
     static SessionEnd captureNotStarted();
     static SessionEnd replaced();

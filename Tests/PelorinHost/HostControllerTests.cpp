@@ -29,6 +29,7 @@ struct ControllerTest : testing::Test {
     ManualQueues queues;
     lab::TemporaryFolder folder;
     HostController::Places places{folder.path() / "support", folder.path() / "log"};
+    PairingStore pairing{places.supportDirectory, queues.makeQueue("pairing")};
     TcpListener* listener = nullptr;
     bool hasQuit = false;
     std::unique_ptr<HostController> controller;
@@ -41,8 +42,9 @@ struct ControllerTest : testing::Test {
             listener = made.get();
             return made;
         };
-        auto made = std::make_unique<HostController>(
-            SessionSurroundings{platform, queues, std::nullopt}, listen, places, queues.makeQueue("main"));
+        auto made
+            = std::make_unique<HostController>(SessionSurroundings{platform, queues, pairing, std::nullopt},
+                listen, places, queues.makeQueue("main"));
         made->onQuit = [this] { hasQuit = true; };
         return made;
     }

@@ -4,6 +4,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
+#include "Tests/Lab/Programs.h"
 
 #include <deque>
 #include <gmock/gmock.h>
@@ -41,6 +42,8 @@ std::string describe(const ServerEvent& event)
 struct ServerTest : testing::Test {
     FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
     ManualQueues queues;
+    lab::TemporaryFolder folder;
+    PairingStore pairing{folder.path(), queues.makeQueue("pairing")};
     HostConfig config;
     std::deque<std::optional<NetError>> listenResults; // success once it is empty
     std::vector<std::string> listenCalls;
@@ -66,8 +69,8 @@ struct ServerTest : testing::Test {
             listener = made.get();
             return made;
         };
-        server = std::make_unique<HostServer>(SessionSurroundings{platform, queues, std::nullopt}, config,
-            listen, queues.makeQueue("dev.pelorin.host.server"));
+        server = std::make_unique<HostServer>(SessionSurroundings{platform, queues, pairing, std::nullopt},
+            config, listen, queues.makeQueue("dev.pelorin.host.server"));
         server->onEvent = [this](const ServerEvent& event) { events.push_back(describe(event)); };
         server->onConnectionLog = [this](const std::string& line) { connectionLog.push_back(line); };
         server->onLockWanted = [this] { ++locks; };

@@ -4,6 +4,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
+#include "Tests/Lab/Programs.h"
 
 #include <cmath>
 #include <gmock/gmock.h>
@@ -20,6 +21,8 @@ using testing::HasSubstr;
 struct SessionTest : testing::Test {
     FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
     ManualQueues queues;
+    lab::TemporaryFolder folder;
+    PairingStore pairing{folder.path(), queues.makeQueue("pairing")};
     HostConfig config;
     LoopbackPair pair = LoopbackPair::make({});
     std::unique_ptr<FakePhone> phone;
@@ -32,8 +35,8 @@ struct SessionTest : testing::Test {
     void open()
     {
         phone = std::make_unique<FakePhone>(std::move(pair.second), queues.makeQueue("phone"));
-        session = std::make_unique<HostSession>(SessionSurroundings{platform, queues, std::nullopt}, config,
-            std::move(pair.first), "本机（测试模式）", queues.makeQueue("dev.pelorin.host.session"));
+        session = std::make_unique<HostSession>(SessionSurroundings{platform, queues, pairing, std::nullopt},
+            config, std::move(pair.first), "本机（测试模式）", queues.makeQueue("dev.pelorin.host.session"));
         session->onClose = [this](HostSession&, std::optional<std::string> reason) {
             closings.push_back(reason.value_or("closed"));
             if (onClosed) onClosed();
