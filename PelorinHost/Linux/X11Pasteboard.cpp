@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace pelorin {
 namespace {
@@ -10,6 +11,10 @@ namespace {
 // A window that never reads its pieces would be waited for as long as we live.
 constexpr std::size_t mostTransfers = 16;
 constexpr std::size_t largestPiece = 65'536;
+constexpr std::uint32_t mostInMultiple = 64; // pairs of atoms; an application asks for a few
+
+// The session waits meanwhile. A server that takes longer is stopped or as good as.
+constexpr std::chrono::milliseconds patience{200};
 
 struct Atoms {
     xcb_atom_t clipboard;
@@ -21,21 +26,27 @@ struct Atoms {
     xcb_atom_t text;
     xcb_atom_t incr;
     xcb_atom_t stamp; // the property that tells us the server's time
+    xcb_atom_t multiple;
+    xcb_atom_t atomPair;
 };
 
-Atoms internAtoms(xcb_connection_t* c)
+// Nothing when the server does not answer.
+std::optional<Atoms> internAtoms(const X11Connection& connection)
 {
-    constexpr std::array<std::string_view, 9> names{"CLIPBOARD", "TARGETS", "TIMESTAMP", "UTF8_STRING",
-        "text/plain;charset=utf-8", "text/plain", "TEXT", "INCR", "PELORIN_TIME"};
+    auto* c = connection.get();
+    constexpr std::array<std::string_view, 11> names{"CLIPBOARD", "TARGETS", "TIMESTAMP", "UTF8_STRING",
+        "text/plain;charset=utf-8", "text/plain", "TEXT", "INCR", "PELORIN_TIME", "MULTIPLE", "ATOM_PAIR"};
     std::array<xcb_intern_atom_cookie_t, names.size()> asked{};
     std::array<xcb_atom_t, names.size()> atoms{};
     for (std::size_t i = 0; i < names.size(); ++i)
         asked[i] = xcb_intern_atom(c, 0, static_cast<std::uint16_t>(names[i].size()), names[i].data());
     for (std::size_t i = 0; i < names.size(); ++i) {
-        const XcbReply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(c, asked[i], nullptr));
-        if (reply) atoms[i] = reply->atom;
+        const auto reply = connection.reply<xcb_intern_atom_reply_t>(asked[i], patience);
+        if (!reply) return std::nullopt;
+        atoms[i] = reply->atom;
     }
-    return {atoms[0], atoms[1], atoms[2], atoms[3], atoms[4], atoms[5], atoms[6], atoms[7], atoms[8]};
+    return Atoms{atoms[0], atoms[1], atoms[2], atoms[3], atoms[4], atoms[5], atoms[6], atoms[7], atoms[8],
+        atoms[9], atoms[10]};
 }
 
 // STRING is Latin-1; what it can't say becomes a question mark.
@@ -58,9 +69,9 @@ std::string latin1(const std::string& utf8)
 } // namespace
 
 struct X11Pasteboard::Owner {
-    explicit Owner(X11Connection newConnection)
+    Owner(X11Connection newConnection, const Atoms& newAtoms)
         : connection(std::move(newConnection)),
-          atoms(internAtoms(connection.get())),
+          atoms(newAtoms),
           window(xcb_generate_id(connection.get()))
     {
         const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
@@ -73,17 +84,21 @@ struct X11Pasteboard::Owner {
     template <class Handle>
     std::optional<xcb_timestamp_t> serverTime(Handle handleOther) const
     {
+        std::optional<xcb_timestamp_t> time;
         xcb_change_property(
             connection.get(), XCB_PROP_MODE_APPEND, window, atoms.stamp, XCB_ATOM_STRING, 8, 0, "");
-        connection.flush();
-        while (const XcbReply<xcb_generic_event_t> event{xcb_wait_for_event(connection.get())}) {
-            const auto& change = reinterpret_cast<const xcb_property_notify_event_t&>(*event);
-            const bool isOurs = (event->response_type & 0x7F) == XCB_PROPERTY_NOTIFY
-                && change.window == window && change.atom == atoms.stamp;
-            if (isOurs) return change.time;
-            handleOther(*event);
-        }
-        return std::nullopt;
+        // The event comes ahead of the reply to whatever is asked next.
+        connection.reply<xcb_get_input_focus_reply_t>(
+            xcb_get_input_focus(connection.get()), patience, [&](const xcb_generic_event_t& event) {
+                const auto& change = reinterpret_cast<const xcb_property_notify_event_t&>(event);
+                const bool isOurs = (event.response_type & 0x7F) == XCB_PROPERTY_NOTIFY
+                    && change.window == window && change.atom == atoms.stamp;
+                if (isOurs)
+                    time = change.time;
+                else
+                    handleOther(event);
+            });
+        return time;
     }
 
     X11Connection connection;
@@ -106,12 +121,13 @@ bool X11Pasteboard::setText(const std::string& newText)
     if (!owner && !connect()) return false;
     auto* c = owner->connection.get();
 
-    const auto time = owner->serverTime([this](const xcb_generic_event_t& event) { handle(event); });
+    const auto later = [this](const xcb_generic_event_t& event) { deferred.push_back(event); };
+    const auto time = owner->serverTime(later);
     if (!time) return false;
     text = newText;
     xcb_set_selection_owner(c, owner->window, owner->atoms.clipboard, *time);
-    const XcbReply<xcb_get_selection_owner_reply_t> now(
-        xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, owner->atoms.clipboard), nullptr));
+    const auto now = owner->connection.reply<xcb_get_selection_owner_reply_t>(
+        xcb_get_selection_owner(c, owner->atoms.clipboard), patience, later);
     if (!now || now->owner != owner->window) return false;
     ownedSince = time;
     readEvents(); // those that came with the reply wake nobody
@@ -122,12 +138,18 @@ bool X11Pasteboard::connect()
 {
     readable = {};
     transfers.clear();
+    deferred.clear();
     auto connection = X11Connection::open(display);
     if (!connection) {
         log.warning("no clipboard: {}", connection.error().description);
         return false;
     }
-    owner = std::make_unique<Owner>(std::move(*connection));
+    const auto atoms = internAtoms(*connection);
+    if (!atoms) {
+        log.warning("no clipboard: the X server does not answer");
+        return false;
+    }
+    owner = std::make_unique<Owner>(std::move(*connection), *atoms);
     readable = queue->whenReadable(owner->connection.fileDescriptor(), [this] { readEvents(); });
     return true;
 }
@@ -136,6 +158,11 @@ void X11Pasteboard::readEvents()
 {
     while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(owner->connection.get())})
         handle(*event);
+    while (!deferred.empty()) {
+        const auto event = deferred.front();
+        deferred.pop_front();
+        handle(event);
+    }
     owner->connection.flush();
     if (!owner->connection.isBroken()) return;
     readable = {};
@@ -187,13 +214,33 @@ void X11Pasteboard::answer(const xcb_selection_request_event_t& request)
     xcb_send_event(owner->connection.get(), 0, request.requestor, 0, wire.data());
 }
 
+// The property lists pairs of target and property; those that can't be had are marked in it (ICCCM 2.6.2).
+bool X11Pasteboard::convertMultiple(xcb_window_t requestor, xcb_atom_t property)
+{
+    auto* c = owner->connection.get();
+    const auto listed = owner->connection.reply<xcb_get_property_reply_t>(
+        xcb_get_property(c, 0, requestor, property, XCB_GET_PROPERTY_TYPE_ANY, 0, 2 * mostInMultiple),
+        patience, [this](const xcb_generic_event_t& event) { deferred.push_back(event); });
+    if (!listed || listed->format != 32) return false;
+    const auto* first = static_cast<const xcb_atom_t*>(xcb_get_property_value(listed.get()));
+    std::vector<xcb_atom_t> atoms(first, first + xcb_get_property_value_length(listed.get()) / 4);
+    for (std::size_t i = 0; i + 1 < atoms.size(); i += 2) {
+        const bool isPlain = atoms[i] != owner->atoms.multiple && atoms[i + 1] != XCB_ATOM_NONE;
+        if (!isPlain || !convert(requestor, atoms[i], atoms[i + 1])) atoms[i + 1] = XCB_ATOM_NONE;
+    }
+    xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, owner->atoms.atomPair, 32,
+        static_cast<std::uint32_t>(atoms.size()), atoms.data());
+    return true;
+}
+
 bool X11Pasteboard::convert(xcb_window_t requestor, xcb_atom_t target, xcb_atom_t property)
 {
     const auto& atoms = owner->atoms;
     auto* c = owner->connection.get();
+    if (target == atoms.multiple) return convertMultiple(requestor, property);
     if (target == atoms.targets) {
-        const xcb_atom_t offered[] = {atoms.targets, atoms.timestamp, atoms.utf8String, atoms.utf8Mime,
-            atoms.plainMime, atoms.text, XCB_ATOM_STRING};
+        const xcb_atom_t offered[] = {atoms.targets, atoms.multiple, atoms.timestamp, atoms.utf8String,
+            atoms.utf8Mime, atoms.plainMime, atoms.text, XCB_ATOM_STRING};
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, XCB_ATOM_ATOM, 32,
             static_cast<std::uint32_t>(std::size(offered)), offered);
         return true;

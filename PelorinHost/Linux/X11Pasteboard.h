@@ -6,6 +6,7 @@
 #include "PelorinNet/Queue/SerialQueue.h"
 
 #include <array>
+#include <deque>
 #include <map>
 #include <optional>
 
@@ -37,6 +38,7 @@ private:
     void handle(const xcb_generic_event_t& event);
     void answer(const xcb_selection_request_event_t& request);
     bool convert(xcb_window_t requestor, xcb_atom_t target, xcb_atom_t property);
+    bool convertMultiple(xcb_window_t requestor, xcb_atom_t property);
     void deliver(xcb_window_t requestor, xcb_atom_t property, xcb_atom_t type);
     void sendPiece(const TransferKey& key);
 
@@ -47,6 +49,7 @@ private:
     std::string text;
     std::optional<xcb_timestamp_t> ownedSince; // while the selection is ours
     std::map<TransferKey, Transfer> transfers;
+    std::deque<xcb_generic_event_t> deferred; // met while a question of ours was open
     Subscription readable; // after the owner, whose descriptor it watches
 };
 
