@@ -11,6 +11,10 @@ namespace {
 // Control messages are small and rare: a phone that leaves this much of them unread reads nothing at all.
 constexpr std::size_t maxUnsentControlBytes = 1 << 20;
 
+// Of video two frames wait as a rule, but keyframes always go, and there are ways to have them made. So much
+// of it waits only for a phone that takes none at all.
+constexpr std::size_t maxUnsentVideoBytes = 16 << 20;
+
 std::size_t sizeOf(const std::vector<Bytes>& parts)
 {
     return std::accumulate(parts.begin(), parts.end(), std::size_t{0},
@@ -41,6 +45,7 @@ void SessionOutlet::sendVideo(std::vector<Bytes> parts, Task onSent)
             videoBytesInFlight -= size;
             onSent();
         });
+    checkUnsentBytes();
 }
 
 void SessionOutlet::sendLatest(message::CursorPosition position)
@@ -73,13 +78,15 @@ void SessionOutlet::write(const Message& message, Task onSent)
     std::vector<Bytes> parts;
     parts.push_back(encodeFrame(message));
     channel.send(std::move(parts), std::move(onSent));
-    checkControlBytes();
+    checkUnsentBytes();
 }
 
-void SessionOutlet::checkControlBytes()
+void SessionOutlet::checkUnsentBytes()
 {
     const std::size_t unsent = channel.unsentBytes();
-    if (unsent <= videoBytesInFlight + maxUnsentControlBytes) return;
+    const bool isVideoTaken = videoBytesInFlight <= maxUnsentVideoBytes;
+    const bool isControlTaken = unsent <= videoBytesInFlight + maxUnsentControlBytes;
+    if (isVideoTaken && isControlTaken) return;
     isClogged = true;
     // Posted, since whoever is sending would not survive the end of the session.
     queue->post([this, alive = lifetime.watch(), unsent] {

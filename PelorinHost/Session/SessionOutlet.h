@@ -27,7 +27,7 @@ public:
 private:
     void write(const Message& message, Task onSent);
     void sendCursor();
-    void checkControlBytes();
+    void checkUnsentBytes();
 
     Channel& channel;
     QueueRef queue;

@@ -5,23 +5,20 @@ namespace {
 
 constexpr int maxPendingVideoSends = 2; // one on its way, one behind it; more would only be latency
 
-// A keyframe goes even past the limit, since the phone waits for it. A phone that takes nothing at all must
-// not pile them up, though: from here on the next one waits for room.
-constexpr int maxPendingWithKeyframes = 4;
-
 } // namespace
 
 VideoGate::Verdict VideoGate::admit(bool isKeyframe)
 {
-    if (isKeyframe) keyframeUnderway = false;
-    if (isKeyframe && pendingVideoSends < maxPendingWithKeyframes) {
+    // A keyframe goes even past the limit, since the phone waits for it.
+    if (isKeyframe) {
+        keyframeUnderway = false;
         awaitingKeyframe = false;
         owesKeyframe = false;
         ++pendingVideoSends;
         return Verdict::send;
     }
-    if (!isKeyframe && awaitingKeyframe) return Verdict::drop;
-    if (!isKeyframe && pendingVideoSends < maxPendingVideoSends) {
+    if (awaitingKeyframe) return Verdict::drop;
+    if (pendingVideoSends < maxPendingVideoSends) {
         ++pendingVideoSends;
         return Verdict::send;
     }
