@@ -207,9 +207,11 @@ void PhoneSession::showed(const ReceivedPicture& picture)
     StageTimes times;
     std::optional<double> ageMs;
     times[Stage::decode] = millisecondsOf(picture.decodedAt - picture.arrivedAt);
-    if (const auto& stamps = picture.stamps) {
+    const auto& stamps = picture.stamps;
+    if (stamps) hostClock.addFrame(picture.arrivedAt, hostSentMicros(picture.ptsMicros, *stamps));
+    // Nobody waits for a repeat, and there may be more of them than of changes.
+    if (stamps && !stamps->isRepeat()) {
         const std::uint64_t sentMicros = hostSentMicros(picture.ptsMicros, *stamps);
-        hostClock.addFrame(picture.arrivedAt, sentMicros);
         times[Stage::capture] = millisecondsOf(stamps->captureMicros);
         times[Stage::convert] = millisecondsOf(stamps->convertMicros);
         times[Stage::encode] = millisecondsOf(stamps->encodeMicros);

@@ -19,6 +19,9 @@ struct FrameStamps {
     std::uint32_t sendMicros = 0; // handed to the transport
     bool operator==(const FrameStamps&) const = default;
 
+    // Nothing changed on the screen: the last picture was encoded again.
+    bool isRepeat() const { return captureMicros == 0 && convertMicros == 0; }
+
     // The SEI NAL unit behind its 4-byte length.
     Bytes encodeSEI(VideoCodec codec) const;
     // Reads the stamps if the access unit (4-byte length-prefixed NAL units) begins with such an SEI.
