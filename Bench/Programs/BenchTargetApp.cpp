@@ -1,5 +1,6 @@
-// pelorin-bench-target flip|motion [--fps N]: what a measurement looks at, over the whole of $DISPLAY until
-// it is killed. flip: black or white, changing with every key press. motion: lines like text that scroll,
+// pelorin-bench-target flip|type|motion [--fps N]: what a measurement looks at, over the whole of $DISPLAY
+// until it is killed. flip: black or white, changing with every key press. type: the same in a part of the
+// screen as large as an application redraws for a key. motion: lines like text that scroll,
 // redrawn N times a second (60 unless told), each frame with its number as FrameMark draws it. Prints "ready"
 // when it shows.
 
@@ -24,6 +25,10 @@ constexpr int defaultFps = 60;
 // The scrolling page repeats after this many screens; each frame moves it by scrollStep pixels.
 constexpr int pageScreens = 2;
 constexpr int scrollStep = 4;
+
+// Changes with a key in type: some lines of text.
+constexpr int typedWidth = 416;
+constexpr int typedHeight = 304;
 
 constexpr int lineHeight = 18;
 constexpr int letterHeight = 11;
@@ -64,7 +69,7 @@ public:
     Target(const Target&) = delete;
     Target& operator=(const Target&) = delete;
 
-    void flip()
+    void flip(const xcb_rectangle_t& part)
     {
         for (bool isWhite = false;;) {
             const std::unique_ptr<xcb_generic_event_t, Free> event(xcb_wait_for_event(connection));
@@ -72,9 +77,16 @@ public:
             const int type = event->response_type & 0x7F;
             if (type == XCB_KEY_PRESS) isWhite = !isWhite;
             if (type != XCB_KEY_PRESS && type != XCB_EXPOSE) continue;
-            fill(window, isWhite ? screen->white_pixel : screen->black_pixel, {{0, 0, width, height}});
+            fill(window, isWhite ? screen->white_pixel : screen->black_pixel, {part});
             xcb_flush(connection);
         }
+    }
+
+    xcb_rectangle_t wholeScreen() const { return {0, 0, width, height}; }
+    xcb_rectangle_t middle() const
+    {
+        return {static_cast<std::int16_t>((width - typedWidth) / 2),
+            static_cast<std::int16_t>((height - typedHeight) / 2), typedWidth, typedHeight};
     }
 
     // Every frame is put together out of sight and copied in one request, so that the screen never holds
@@ -205,11 +217,14 @@ int main(int count, char** arguments)
     const std::string_view mode = count > 1 ? arguments[1] : "";
     const bool hasFps = count == 4 && std::string_view(arguments[2]) == "--fps";
     const int fps = hasFps ? std::atoi(arguments[3]) : defaultFps;
-    if ((mode != "flip" && mode != "motion") || (count != 2 && !hasFps) || fps < 1 || fps > 1000)
-        return std::fprintf(stderr, "usage: %s flip|motion [--fps N]\n", arguments[0]), 2;
+    if ((mode != "flip" && mode != "type" && mode != "motion") || (count != 2 && !hasFps) || fps < 1
+        || fps > 1000)
+        return std::fprintf(stderr, "usage: %s flip|type|motion [--fps N]\n", arguments[0]), 2;
     Target target;
     if (mode == "flip")
-        target.flip();
+        target.flip(target.wholeScreen());
+    else if (mode == "type")
+        target.flip(target.middle());
     else
         target.motion(fps);
 }
