@@ -66,34 +66,6 @@ struct PairingStore::Shared {
     bool hasExpired = false; // the pending one was seen to be over: a clock set back revives nothing
 };
 
-// Runs the expiry of the offer. Queue: the store's. Owned by the store.
-class PairingStore::Expiry {
-public:
-    Expiry(std::weak_ptr<Shared> newStore, QueueRef newQueue)
-        : store(std::move(newStore)),
-          queue(std::move(newQueue))
-    {
-    }
-
-    // Asks for the offer itself, so that of several calls the last one to arrive is always right.
-    void watchPending()
-    {
-        const auto alive = store.lock();
-        if (!alive) return;
-        const std::unique_lock guard(alive->lock);
-        if (!alive->pending) return;
-        const Duration left = alive->pending->expiresAtSteady + expiryDelay - queue->now();
-        timer = queue->after(std::max(left, Duration::zero()), [store = store, offer = *alive->pending] {
-            if (const auto still = store.lock()) still->expire(offer);
-        });
-    }
-
-private:
-    std::weak_ptr<Shared> store;
-    QueueRef queue;
-    Subscription timer;
-};
-
 void PairingStore::Shared::load()
 {
     auto read = PairedDevicesFile::read(file);
@@ -145,8 +117,7 @@ void PairingStore::Shared::expire(const Pending& offer)
 }
 
 PairingStore::PairingStore(const std::filesystem::path& supportDirectory, QueueRef queue)
-    : shared(std::make_shared<Shared>(supportDirectory, queue)),
-      expiry(queue, [store = std::weak_ptr(shared), queue] { return std::make_unique<Expiry>(store, queue); })
+    : shared(std::make_shared<Shared>(supportDirectory, std::move(queue)))
 {
     const std::scoped_lock guard(shared->lock);
     shared->load();
@@ -170,7 +141,11 @@ PairingStore::Pending PairingStore::beginPairing()
         shared->hasExpired = false;
     }
     shared->log.info("pairing started ({})", offer.key.identity);
-    expiry.run([](Expiry& running) { running.watchPending(); });
+    shared->clock->post([store = std::weak_ptr(shared), clock = shared->clock, offer] {
+        clock->postAfter(validity + expiryDelay, [store, offer] {
+            if (const auto alive = store.lock()) alive->expire(offer);
+        });
+    });
     shared->changes.post();
     return offer;
 }

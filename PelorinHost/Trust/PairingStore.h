@@ -1,7 +1,7 @@
 #pragma once
 
 #include "PelorinCore/Pairing/Key.h"
-#include "PelorinNet/Queue/Confined.h"
+#include "PelorinNet/Queue/SerialQueue.h"
 
 #include <filesystem>
 #include <optional>
@@ -61,10 +61,8 @@ public:
 
 private:
     struct Shared;
-    class Expiry;
 
     std::shared_ptr<Shared> shared;
-    Confined<Expiry> expiry;
 };
 
 // What a phone shows to prove that it knows code: HMAC-SHA-256 over "pelorin-pair-v1|", the context of the
