@@ -1,7 +1,10 @@
 #include "PelorinHost/HostController.h"
 
+#include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
 
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -18,14 +21,19 @@ struct Overloaded : Cases... {
     using Cases::operator()...;
 };
 
-std::string commandOf(const std::string& request)
+// A request's members that are texts.
+using Request = std::map<std::string, std::string>;
+
+Request parse(const std::string& text)
 {
     constexpr int mostNested = 4; // a request is a flat object
     const auto keepShallow = [](int depth, json::parse_event_t, json&) { return depth < mostNested; };
-    const json parsed = json::parse(request, keepShallow, false);
-    if (!parsed.is_object()) return {};
-    const auto command = parsed.find("command");
-    return command != parsed.end() && command->is_string() ? command->get<std::string>() : std::string();
+    const json parsed = json::parse(text, keepShallow, false);
+    Request request;
+    if (!parsed.is_object()) return request;
+    for (const auto& [key, value] : parsed.items())
+        if (value.is_string()) request[key] = value.get<std::string>();
+    return request;
 }
 
 std::string line(const json& object)
@@ -101,11 +109,15 @@ void HostController::handle(const ServerEvent& event)
         event);
 }
 
-void HostController::handleRequest(const std::string& request, ControlSocket::Reply reply)
+void HostController::handleRequest(const std::string& text, ControlSocket::Reply reply)
 {
-    const std::string command = commandOf(request);
+    Request request = parse(text);
+    const std::string& command = request["command"];
     if (command == "status") return reportStatus(std::move(reply));
     if (command == "disconnect") return disconnectSession(std::move(reply));
+    if (command == "pair") return beginPairing(std::move(reply));
+    if (command == "devices") return reply(PairingCommands::devices(surroundings.pairing));
+    if (command == "remove") return reply(PairingCommands::remove(surroundings.pairing, request["id"]));
     if (command != "quit") return reply(line({{"error", "unknown command"}}));
     reply(line({{"quitting", true}}));
     quit();
@@ -117,7 +129,9 @@ void HostController::reportStatus(ControlSocket::Reply reply)
         reply(StatusReport{.server = status,
             .allowedLogins = allowedLogins,
             .rendezvous = rendezvousStatus,
-            .requiresPairing = config.requirePairing && !config.allowLoopbackForTesting}
+            .requiresPairing = config.requirePairing && !config.allowLoopbackForTesting,
+            .pairingOpenFor = pairingOpenFor(),
+            .pairedDevices = surroundings.pairing.devices().size()}
                 .toJSON());
     });
     server.run([answer](HostServer& running) { answer(running.status()); });
@@ -128,6 +142,24 @@ void HostController::disconnectSession(ControlSocket::Reply reply)
     const auto answer
         = here([reply = std::move(reply)](bool hadSession) { reply(line({{"disconnected", hadSession}})); });
     server.run([answer](HostServer& running) { answer(running.disconnect()); });
+}
+
+void HostController::beginPairing(ControlSocket::Reply reply)
+{
+    const auto answer = here([this, reply = std::move(reply)](const HostServer::Status& status) {
+        reply(PairingCommands::pair(
+            surroundings.pairing, status, config, surroundings.platform.system().hostName()));
+    });
+    server.run([answer](HostServer& running) { answer(running.status()); });
+}
+
+std::optional<std::chrono::seconds> HostController::pairingOpenFor() const
+{
+    const auto offer = surroundings.pairing.pending();
+    if (!offer) return std::nullopt;
+    const Duration left
+        = std::min<Duration>(offer->expiresAtSteady - queue->now(), offer->expiresAt - queue->wallNow());
+    return std::chrono::ceil<std::chrono::seconds>(left);
 }
 
 void HostController::quit()

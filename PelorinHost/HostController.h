@@ -27,9 +27,11 @@ public:
 private:
     void startServer();
     void handle(const ServerEvent& event);
-    void handleRequest(const std::string& request, ControlSocket::Reply reply);
+    void handleRequest(const std::string& text, ControlSocket::Reply reply);
     void reportStatus(ControlSocket::Reply reply);
     void disconnectSession(ControlSocket::Reply reply);
+    void beginPairing(ControlSocket::Reply reply);
+    std::optional<std::chrono::seconds> pairingOpenFor() const;
     void letGo();
     // A callback of the server's that does its work on our queue.
     template <class Work>

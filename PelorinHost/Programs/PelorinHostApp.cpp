@@ -1,7 +1,10 @@
 #include "PelorinHost/HostController.h"
 #include "PelorinHost/Linux/LinuxPlatform.h"
 #include "PelorinHost/Shell/ControlClient.h"
+#include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
+#include "PelorinHost/Trust/QrImage.h"
+#include "PelorinNet/Files/AtomicFile.h"
 #include "PelorinNet/Queue/QueuePool.h"
 
 #include <atomic>
@@ -9,6 +12,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <pthread.h>
 
 // pelorin-host: the host itself, or a question to the one that runs.
@@ -17,6 +21,7 @@ namespace {
 
 constexpr int poolThreads = 4; // capture with encoding, session, cursor, and one for the rest
 constexpr int quitDone = SIGUSR1; // how the controller wakes the main thread when all is let go of
+constexpr int codeSizePx = 600; // of a QR code in a file; a dozen pixels a module
 
 struct Options {
     std::string supportDirectory;
@@ -26,6 +31,8 @@ struct Options {
     bool isHeadless = false;
     bool wantsJSON = false;
     std::string command; // of a running host; empty: be the host
+    std::string device; // whom to remove
+    std::string codeFile; // where the pairing link's QR code goes, too
 };
 
 // An X display, or the number of the display to stream.
@@ -51,25 +58,67 @@ void addOptions(CLI::App& app, Options& options)
     app.set_version_flag("--version", "pelorin-host " PELORIN_VERSION);
 
     const std::pair<const char*, const char*> commands[] = {{"status", "Tell what the running host does"},
+        {"pair", "Let one new phone in: prints its link and QR code, which anybody could use"},
+        {"devices", "List the paired phones"}, {"remove", "Remove a paired phone and end its session"},
         {"disconnect", "End the running session"}, {"quit", "End the running host"}};
     for (const auto& [name, description] : commands) {
         auto* command = app.add_subcommand(name, description)->fallthrough();
         command->add_flag("--json", options.wantsJSON, "Print JSON");
         command->callback([&options, name] { options.command = name; });
     }
+    app.get_subcommand("pair")->add_option(
+        "--png", options.codeFile, "Write the QR code into this file as well, for its owner alone");
+    app.get_subcommand("remove")->add_option("id", options.device, "As `devices` tells it")->required();
     app.require_subcommand(0, 1);
+}
+
+std::optional<std::string> readable(const std::string& command, const std::string& reply)
+{
+    if (command == "status") return readableStatus(reply);
+    if (command == "pair") return PairingCommands::readablePair(reply);
+    if (command == "devices") return PairingCommands::readableDevices(reply);
+    if (command == "remove") return PairingCommands::readableRemoval(reply);
+    return std::nullopt;
+}
+
+std::optional<std::string> errorIn(const std::string& reply)
+{
+    const auto parsed = nlohmann::json::parse(reply, nullptr, false);
+    if (!parsed.is_object() || !parsed.contains("error")) return std::nullopt;
+    const auto& error = parsed["error"];
+    return error.is_string() ? error.get<std::string>() : error.dump();
+}
+
+int fail(const std::string& why)
+{
+    std::fprintf(stderr, "pelorin-host: %s\n", why.c_str());
+    return 1;
+}
+
+int writeCode(const std::string& reply, const std::string& file)
+{
+    const auto link = PairingCommands::linkIn(reply);
+    const auto code = link ? QrImage::of(*link) : std::nullopt;
+    const auto png = code ? code->png(codeSizePx) : std::nullopt;
+    const bool isWritten = png
+        && writeFileAtomically(
+            std::filesystem::absolute(file), {reinterpret_cast<const char*>(png->data()), png->size()});
+    return isWritten ? 0 : fail("cannot write " + file);
 }
 
 int ask(const Options& options, const std::filesystem::path& directory)
 {
-    const auto reply = askHost(directory, "{\"command\":\"" + options.command + "\"}");
-    if (!reply) {
-        std::fprintf(stderr, "pelorin-host: %s\n", reply.error().c_str());
-        return 1;
-    }
-    const auto readable = options.wantsJSON ? std::nullopt : readableStatus(*reply);
-    std::fputs((readable ? *readable : *reply).c_str(), stdout);
-    return 0;
+    nlohmann::json request{{"command", options.command}};
+    if (!options.device.empty()) request["id"] = options.device;
+    const auto reply
+        = askHost(directory, request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    if (!reply) return fail(reply.error());
+    const auto error = errorIn(*reply);
+    if (error && !options.wantsJSON) return fail(*error);
+    const auto text = options.wantsJSON ? std::nullopt : readable(options.command, *reply);
+    std::fputs((text ? *text : *reply).c_str(), stdout);
+    if (error) return 1;
+    return options.codeFile.empty() ? 0 : writeCode(*reply, options.codeFile);
 }
 
 // Must come before the first thread, which inherits it.

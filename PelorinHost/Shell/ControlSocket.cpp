@@ -97,7 +97,8 @@ void ControlSocket::readFrom(ClientID id)
     });
 }
 
-// Replies are a few hundred bytes, which a socket takes at once; who let its buffer fill up gets a torn one.
+// Replies are a few hundred bytes, a list of very many phones some ten thousands, which a socket takes at
+// once; who let its buffer fill up gets a torn one.
 void ControlSocket::answer(ClientID id, const std::string& text)
 {
     const auto client = clients.find(id);

@@ -46,6 +46,17 @@ std::string readableSession(const json& session)
         stages.at("sendMs").get<double>());
 }
 
+std::string readablePairing(const json& pairing)
+{
+    const json& pending = pairing.at("pending");
+    return fmt::format("pairing {}, {} paired{}\n",
+        pairing.at("required").get<bool>() ? "required" : "not required",
+        pairing.at("devices").get<std::size_t>(),
+        pending.is_null()
+            ? ""
+            : fmt::format(", a link is open for {} s", pending.at("expiresInSeconds").get<std::int64_t>()));
+}
+
 std::string joined(const json& names)
 {
     std::string text;
@@ -60,7 +71,10 @@ std::string StatusReport::toJSON() const
     const json report = {{"listening", orNull(server.listening)}, {"allowedLogins", allowedLogins},
         {"session", server.session ? pelorin::toJSON(*server.session) : json()},
         {"waitingForHello", server.waitingForHello}, {"rendezvous", orNull(rendezvous)},
-        {"pairing", {{"required", requiresPairing}}}};
+        {"pairing",
+            {{"required", requiresPairing},
+                {"pending", pairingOpenFor ? json{{"expiresInSeconds", pairingOpenFor->count()}} : json()},
+                {"devices", pairedDevices}}}};
     // A phone's name may be cut anywhere.
     return report.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
@@ -74,6 +88,7 @@ std::optional<std::string> readableStatus(const std::string& text)
         return (listening.is_null() ? "not listening\n"
                                     : "listening on " + listening.get<std::string>() + "\n")
             + "allowed logins: " + joined(report.at("allowedLogins")) + "\n"
+            + readablePairing(report.at("pairing"))
             + (session.is_null() ? "no session\n" : readableSession(session));
     } catch (const json::exception&) {
         return std::nullopt;

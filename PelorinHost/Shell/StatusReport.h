@@ -10,6 +10,8 @@ struct StatusReport {
     std::vector<std::string> allowedLogins;
     std::optional<std::string> rendezvous; // absent: not registered
     bool requiresPairing = false;
+    std::optional<std::chrono::seconds> pairingOpenFor; // absent: no pairing is on offer
+    std::size_t pairedDevices = 0;
 
     std::string toJSON() const; // indented, for programs
 };

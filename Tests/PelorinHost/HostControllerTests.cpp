@@ -1,3 +1,4 @@
+#include "PelorinCore/Pairing/Base64URL.h"
 #include "PelorinHost/HostController.h"
 #include "PelorinHost/Shell/StatusReport.h"
 #include "PelorinNet/Channel/LoopbackPair.h"
@@ -119,6 +120,35 @@ TEST_F(ControllerTest, answersStatusForProgramsAndForPeople)
         EXPECT_TRUE(session["stages"][stage].is_number()) << stage;
     EXPECT_THAT(readableStatus(text).value(), HasSubstr("session with 本机（测试模式）"));
     EXPECT_FALSE(readableStatus("{\"error\": \"x\"}"));
+}
+
+TEST_F(ControllerTest, tellsOfPairingWithoutItsSecrets)
+{
+    begin();
+    const auto refused = nlohmann::json::parse(ask("{\"command\":\"pair\"}\n"));
+    EXPECT_THAT(refused["error"].get<std::string>(), HasSubstr("没法配对")) << "in test mode";
+
+    const auto device = pairing.redeem(pairing.beginPairing().key.identity, "my phone");
+    const auto offer = pairing.beginPairing();
+    queues.advance(100'500ms);
+    const std::string status = ask("{\"command\":\"status\"}\n");
+    EXPECT_EQ(nlohmann::json::parse(status)["pairing"],
+        (nlohmann::json{{"required", false}, {"pending", {{"expiresInSeconds", 200}}}, {"devices", 1}}));
+    EXPECT_THAT(readableStatus(status).value(),
+        HasSubstr("pairing not required, 1 paired, a link is open for 200 s\n"));
+    EXPECT_THAT(status, testing::Not(HasSubstr(offer.key.identity)));
+
+    const std::string listed = ask("{\"command\":\"devices\"}\n");
+    EXPECT_EQ(nlohmann::json::parse(listed)["devices"][0]["id"], device->id);
+    EXPECT_THAT(listed, testing::Not(HasSubstr(base64EncodedString(device->key.view()))));
+    for (const char* request : {"{\"command\":\"remove\"}\n", "{\"command\":\"remove\",\"id\":[1]}\n",
+             "{\"command\":\"remove\",\"id\":\"dev-0\"}\n"})
+        EXPECT_THAT(ask(request), HasSubstr("\"error\"")) << request;
+    const auto removal = nlohmann::json{{"command", "remove"}, {"id", device->id}}.dump() + "\n";
+    EXPECT_EQ(nlohmann::json::parse(ask(removal)), (nlohmann::json{{"removed", device->id}}));
+    EXPECT_TRUE(pairing.devices().empty());
+    queues.advance(300s);
+    EXPECT_TRUE(nlohmann::json::parse(ask("{\"command\":\"status\"}\n"))["pairing"]["pending"].is_null());
 }
 
 TEST_F(ControllerTest, writesTheConnectionLogForItsOwnerAlone)

@@ -49,8 +49,9 @@ TEST(QrImage, isReadBackFromATerminalDarkOrLight)
     const lab::TemporaryFolder folder;
     const auto text = folder.path() / "code.txt";
     const auto screenshot = folder.path() / "screen.ppm";
-    lab::write(text, QrImage::of(link).value().terminal());
     for (const auto& [ground, letters] : {std::pair("black", "white"), std::pair("white", "black")}) {
+        const std::string shown = link + "&on=" + ground;
+        lab::write(text, QrImage::of(shown).value().terminal());
         const auto terminal = server.launch({"env", "LC_ALL=C.UTF-8", "xterm", "-u8", "-bg", ground, "-fg",
             letters, "-fa", "DejaVu Sans Mono", "-fs", "9", "-geometry", "90x45+0+0", "-e",
             "cat " + text.string() + "; cat"});
@@ -61,7 +62,7 @@ TEST(QrImage, isReadBackFromATerminalDarkOrLight)
                 "P6 " + std::to_string(screen.widthPx) + " " + std::to_string(screen.heightPx) + " 255\n"
                     + std::string(screen.pixels.begin(), screen.pixels.end()));
             seen = readBack(screenshot);
-            return seen == link;
+            return seen == shown;
         })) << ground
             << ": " << seen;
     }

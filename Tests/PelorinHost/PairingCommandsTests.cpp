@@ -1,0 +1,112 @@
+#include "PelorinCore/Pairing/PairingLink.h"
+#include "PelorinHost/Shell/PairingCommands.h"
+#include "PelorinNet/Log.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Lab/Files.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace pelorin {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+struct PairingCommandsTest : testing::Test {
+    ManualQueues queues;
+    lab::TemporaryFolder folder;
+    PairingStore store{folder.path(), queues.makeQueue("pairing")};
+    HostConfig config;
+    HostServer::Status server;
+
+    nlohmann::json pair()
+    {
+        return nlohmann::json::parse(PairingCommands::pair(store, server, config, "王's Studio"));
+    }
+};
+
+TEST_F(PairingCommandsTest, offersALinkToWhereTheHostListens)
+{
+    std::string log;
+    Log::observe([&](LogLevel, std::string_view, std::string_view text) { log += text; });
+    server.tailnetAddress = "100.101.102.103";
+    server.dnsName = "studio.example-tailnet.ts.net";
+    server.port = 7878;
+    const auto reply = pair();
+    Log::observe({});
+    const auto offer = store.pending();
+    ASSERT_TRUE(offer);
+    const PairingLink expected{"王's Studio", "100.101.102.103", "studio.example-tailnet.ts.net", 7878,
+        offer->key.identity, offer->key.secret};
+    EXPECT_EQ(PairingLink::parse(reply["link"].get<std::string>()), expected);
+    EXPECT_EQ(reply["expiresInSeconds"], 300);
+    EXPECT_EQ(reply["text"], "用 iPhone 相机或 Pelorin 扫码配对，5 分钟内有效，只能用一次");
+    const auto shown = PairingCommands::readablePair(reply.dump());
+    EXPECT_THAT(shown.value(), HasSubstr("\n" + expected.url() + "\n"));
+    EXPECT_THAT(shown.value(), HasSubstr("▀"));
+    EXPECT_THAT(shown.value(), HasSubstr("扫码配对，5 分钟内有效"));
+    EXPECT_EQ(PairingCommands::linkIn(reply.dump()), expected.url());
+    EXPECT_THAT(log, Not(HasSubstr(expected.url().substr(expected.url().find("key=") + 4))));
+
+    server.dnsName.reset();
+    server.port = 0; // between two listeners
+    const auto link = PairingLink::parse(pair()["link"].get<std::string>());
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->port, 7420);
+    EXPECT_FALSE(link->dnsName);
+}
+
+TEST_F(PairingCommandsTest, refusesInWordsWhereALinkWouldBeOfNoUse)
+{
+    const struct {
+        bool isRequired;
+        bool isTestMode;
+        bool isRemote;
+        bool hasTailnet;
+        std::string text;
+    } rows[] = {
+        {true, false, false, false,
+            "没法配对：远程连接已在配置文件里关闭（host.json 的 rendezvous），这台 Mac 也没有 Tailscale"},
+        {true, false, true, false, "Pairing needs an address on the tailnet"},
+        {false, false, true, true, "未启用配对（requirePairing 关闭或处于测试模式），只校验 Tailscale 身份"},
+        {true, true, true, true, "未启用配对（requirePairing 关闭或处于测试模式），只校验 Tailscale 身份"},
+    };
+    for (const auto& [isRequired, isTestMode, isRemote, hasTailnet, text] : rows) {
+        config.requirePairing = isRequired;
+        config.allowLoopbackForTesting = isTestMode;
+        config.rendezvous = isRemote;
+        server.tailnetAddress = hasTailnet ? std::optional<std::string>("100.64.0.1") : std::nullopt;
+        EXPECT_THAT(pair()["error"].get<std::string>(), HasSubstr(text));
+        EXPECT_FALSE(store.pending());
+    }
+}
+
+TEST_F(PairingCommandsTest, listsThePhonesAsATable)
+{
+    EXPECT_EQ(PairingCommands::readableDevices(PairingCommands::devices(store)), "no phone is paired\n");
+    const auto first = store.redeem(store.beginPairing().key.identity, "王小明的\niPhone");
+    queues.advance(std::chrono::hours(26));
+    const SecretBytes code(Bytes(32, 1));
+    Bytes publicKey(65, 1);
+    publicKey[0] = 4;
+    const auto second = store.pairRemote(publicKey, "iPad", pairingProof(code, publicKey, "c"), "c", code);
+    const std::string reply = PairingCommands::devices(store);
+    const auto devices = nlohmann::json::parse(reply)["devices"];
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(devices[0]["through"], "tailnet");
+    EXPECT_EQ(devices[1]["through"], "rendezvous");
+    EXPECT_THAT(devices[0]["pairedAt"].get<std::string>(), testing::MatchesRegex("....-..-..T..:..:..Z"));
+    const std::string table = PairingCommands::readableDevices(reply).value();
+    EXPECT_THAT(table, HasSubstr("  tailnet     王小明的 iPhone\n" + second->id));
+    EXPECT_EQ(std::ranges::count(table, '\n'), 3);
+
+    EXPECT_THAT(PairingCommands::readableRemoval(PairingCommands::remove(store, first->id)).value(),
+        HasSubstr(first->id));
+    EXPECT_FALSE(PairingCommands::readableRemoval(PairingCommands::remove(store, first->id)));
+    EXPECT_FALSE(PairingCommands::readableDevices("[]"));
+    EXPECT_FALSE(PairingCommands::readablePair("{}"));
+}
+
+} // namespace
+} // namespace pelorin
