@@ -6,10 +6,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <system_error>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -20,6 +18,8 @@ namespace {
 
 // What a tool has written is in its pipes when it exits; only what it started and left behind writes later.
 constexpr auto graceOfPipes = std::chrono::milliseconds(100);
+constexpr Duration firstPause = std::chrono::milliseconds(2); // from the kill to the look after the child
+constexpr Duration longestPause = std::chrono::seconds(1);
 constexpr std::size_t chunkSize = 16 * 1024; // bytes of one turn, so that a flood leaves room for others
 
 void closeDescriptor(int& fd)
@@ -95,16 +95,12 @@ struct SpawnDescriptors {
     posix_spawn_file_actions_t actions;
 };
 
-// Of a child that was killed: at once as a rule, but a child held up inside the kernel dies when it gets out,
-// and nobody else shall wait for that.
-void reap(pid_t child)
+// A child that was killed dies within a moment, but one held up inside the kernel only when it gets out; no
+// queue waits for either.
+void reap(const QueueRef& queue, pid_t child, Duration pause)
 {
     if (::waitpid(child, nullptr, WNOHANG) != 0) return;
-    try {
-        std::thread([child] { ::waitpid(child, nullptr, 0); }).detach();
-    } catch (const std::system_error&) {
-        // No more threads to be had: it stays a zombie until we exit.
-    }
+    queue->postAfter(pause, [queue, child, pause] { reap(queue, child, std::min(2 * pause, longestPause)); });
 }
 
 } // namespace
@@ -166,7 +162,8 @@ bool LinuxTool::spawn(std::string& problem)
     closeDescriptor(errors[1]);
     streams[0].fd = output[0];
     streams[1].fd = errors[0];
-    if (failure == 0 && (processFd = ::pidfd_open(child, 0)) < 0) failure = errno;
+    if (failure == 0 && (processFd = static_cast<int>(::syscall(SYS_pidfd_open, child, 0))) < 0)
+        failure = errno;
     for (const auto& stream : streams)
         if (failure == 0) ::fcntl(stream.fd, F_SETFL, O_NONBLOCK);
     if (failure == 0) return true;
@@ -240,7 +237,7 @@ void LinuxTool::release()
     }
     if (child >= 0) {
         ::kill(-child, SIGKILL);
-        reap(std::exchange(child, -1));
+        reap(queue, std::exchange(child, -1), firstPause);
     }
     closeDescriptor(processFd);
 }

@@ -1,7 +1,7 @@
 #include "PelorinHost/Trust/TailscaleCLI.h"
 
 #include "PelorinCore/Access/TailscalePath.h"
-#include "PelorinCore/Utf8.h"
+#include "PelorinCore/Label.h"
 
 #include <algorithm>
 #include <utility>
@@ -15,24 +15,12 @@ using Output = Result<std::string, TailscaleCLIError>;
 constexpr auto deadline = std::chrono::seconds(15); // a daemon that is waking up takes a few seconds
 constexpr auto pauseBeforeRetry = std::chrono::milliseconds(300);
 constexpr std::string_view notActingAsTool = "The Tailscale GUI failed";
-constexpr std::size_t maxMessageLength = 300; // bytes of a log line
 constexpr std::size_t maxRemembered = 64; // more devices than a person's phones, little memory
 
-// Text of the tool on one line, short, and fit for the wire whatever bytes it has.
-std::string oneLine(const std::string& text)
+std::string oneLine(std::string text)
 {
-    std::string line;
-    for (const char c : text.substr(0, maxMessageLength)) {
-        const bool isBlank = static_cast<unsigned char>(c) <= ' ' || c == 0x7F;
-        if (!isBlank)
-            line += c;
-        else if (!line.empty() && line.back() != ' ')
-            line += ' ';
-    }
-    while (line.ends_with(' ')) line.pop_back();
-    if (!isUtf8(line)) // foreign bytes, or a character that was cut in two
-        std::ranges::replace_if(line, [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
-    return line;
+    while (text.ends_with('\n')) text.pop_back();
+    return asLabel(text);
 }
 
 Output outputOf(Result<ToolExit, ToolFailure> ended)

@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <set>
+#include <utility>
 
 namespace pelorin::fakes {
 
