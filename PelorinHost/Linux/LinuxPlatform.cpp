@@ -1,6 +1,7 @@
 #include "PelorinHost/Linux/LinuxPlatform.h"
 
 #include "PelorinHost/Linux/LinuxCompression.h"
+#include "PelorinHost/Linux/LinuxScreenLock.h"
 #include "PelorinHost/Linux/LinuxSystem.h"
 #include "PelorinHost/Linux/X11CursorSource.h"
 #include "PelorinHost/Linux/X11DisplayBounds.h"
@@ -51,6 +52,11 @@ public:
     std::unique_ptr<CursorSource> makeCursorSource() override
     {
         return std::make_unique<X11CursorSource>(display);
+    }
+    std::unique_ptr<ScreenLock> makeScreenLock(QueueRef lockQueue) override
+    {
+        const auto makePosting = [this, lockQueue] { return makeEventPosting(lockQueue); };
+        return std::make_unique<LinuxScreenLock>(lockQueue, makePosting);
     }
 
 private:

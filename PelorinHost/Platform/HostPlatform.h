@@ -7,6 +7,7 @@
 #include "PelorinHost/Platform/Pasteboard.h"
 #include "PelorinHost/Platform/Permissions.h"
 #include "PelorinHost/Platform/Power.h"
+#include "PelorinHost/Platform/ScreenLock.h"
 #include "PelorinHost/Platform/System.h"
 
 #include <memory>
@@ -28,6 +29,7 @@ public:
     virtual std::unique_ptr<EventPosting> makeEventPosting(QueueRef sessionQueue) = 0;
     virtual std::unique_ptr<Pasteboard> makePasteboard(QueueRef sessionQueue) = 0;
     virtual std::unique_ptr<CursorSource> makeCursorSource() = 0;
+    virtual std::unique_ptr<ScreenLock> makeScreenLock(QueueRef lockQueue) = 0;
 };
 
 } // namespace pelorin

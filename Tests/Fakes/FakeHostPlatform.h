@@ -7,6 +7,7 @@
 #include "Tests/Fakes/FakePasteboard.h"
 #include "Tests/Fakes/FakePermissions.h"
 #include "Tests/Fakes/FakePower.h"
+#include "Tests/Fakes/FakeScreenLock.h"
 #include "Tests/Fakes/FakeSystem.h"
 #include "Tests/Fakes/RecordingEventPosting.h"
 
@@ -23,6 +24,7 @@ public:
     FakeSystem systemPort{"fake"};
     RecordingEventPosting events;
     FakePasteboard clipboard;
+    FakeScreenLock screenLock;
     std::optional<Point> cursorPosition = Point{100, 50};
     std::uint64_t cursorFingerprint = 1;
     int cursorQuestions = 0;
@@ -44,6 +46,10 @@ public:
         return std::make_unique<Clipboard>(clipboard);
     }
     std::unique_ptr<CursorSource> makeCursorSource() override { return std::make_unique<Cursor>(*this); }
+    std::unique_ptr<ScreenLock> makeScreenLock(QueueRef) override
+    {
+        return std::make_unique<Lock>(screenLock);
+    }
 
 private:
     struct Posting final : EventPosting {
@@ -72,6 +78,11 @@ private:
         explicit Clipboard(Pasteboard& newRecord) : record(newRecord) {}
         bool setText(const std::string& text) override { return record.setText(text); }
         Pasteboard& record;
+    };
+    struct Lock final : ScreenLock {
+        explicit Lock(ScreenLock& newRecord) : record(newRecord) {}
+        void lock(std::function<void(LockedBy)> done) override { record.lock(std::move(done)); }
+        ScreenLock& record;
     };
     struct Cursor final : CursorSource {
         explicit Cursor(FakeHostPlatform& newPlatform) : platform(newPlatform) {}
