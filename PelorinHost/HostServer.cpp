@@ -2,7 +2,9 @@
 
 #include "PelorinHost/Session/HelloExchange.h"
 #include "PelorinHost/Session/LockRule.h"
+#include "PelorinHost/Trust/OwnTailnetAddress.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace pelorin {
@@ -12,11 +14,6 @@ using namespace std::chrono_literals;
 
 constexpr auto refreshPeriod = 5s;
 constexpr auto lockGrace = 10s; // in which a phone that dropped out may come back
-
-// A phone says hello with its first packet. Who connects and stays silent, or connects again and again, must
-// not use up the machine.
-constexpr std::size_t maxPendingSessions = 32;
-constexpr auto helloTimeout = 10s;
 
 const std::string loopbackAddress = "127.0.0.1";
 
@@ -36,13 +33,14 @@ struct HostServer::Reporter {
 
     void attachTo(HostSession& session) const
     {
-        session.onHello
-            = [*this](HostSession& accepted) { report(&HostServer::saidHello, accepted.figures()); };
+        session.onHello = [*this](HostSession& accepted) {
+            report(&HostServer::saidHello, accepted.figures(), accepted.peerIdentity());
+        };
         session.onStats = [*this](const SessionFigures& figures) { report(&HostServer::updated, figures); };
         session.onOptionsChanged
             = [*this](HostSession& changed) { report(&HostServer::optionsChanged, changed.options); };
         session.onClose = [*this](HostSession& ended, const std::optional<std::string>& reason) {
-            report(&HostServer::sessionClosed, ended.endKind, reason.value_or("closed"));
+            report(&HostServer::sessionClosed, ended.endKind, reason, ended.tlsFailed);
         };
     }
 
@@ -60,8 +58,12 @@ HostServer::HostServer(
     : surroundings(newSurroundings),
       config(std::move(newConfig)),
       listen(std::move(newListen)),
-      queue(std::move(newQueue))
+      queue(std::move(newQueue)),
+      admission(surroundings.platform.system(), queue, config)
 {
+    admission.onAllowedLogins
+        = [this](std::vector<std::string> names) { publish(serverEvent::AllowedLogins{std::move(names)}); };
+    admission.onConnectionLog = [this](std::string line) { writeConnectionLog(std::move(line)); };
 }
 
 HostServer::~HostServer() = default;
@@ -69,6 +71,7 @@ HostServer::~HostServer() = default;
 void HostServer::start()
 {
     queue->assertCurrent();
+    keysWatch = surroundings.pairing.onDidChange(queue, [this] { keysChanged(); });
     timer = queue->every(refreshPeriod, [this] { refresh(); });
     refresh();
 }
@@ -77,7 +80,9 @@ bool HostServer::stop()
 {
     queue->assertCurrent();
     timer.cancel();
+    keysWatch.cancel();
     listener.reset();
+    asking.clear();
     const bool hadPhone = activeSession || !pendingSessions.empty();
     for (auto& [id, record] : pendingSessions) end(record, SessionEnd::onMac());
     pendingSessions.clear();
@@ -87,6 +92,11 @@ bool HostServer::stop()
 
 void HostServer::refresh()
 {
+    if (!isTestMode()) {
+        tailnetAddress = ownTailnetAddress(surroundings.platform.system().interfaceAddresses());
+        admission.setOwnAddress(tailnetAddress);
+    }
+    if (keysGeneration != boundKeysGeneration) renewKeys();
     const auto address = bindAddress();
     if (address && address == boundAddress) return;
     if (!address && reportedNoAddress) return;
@@ -98,11 +108,36 @@ void HostServer::refresh()
     publish(serverEvent::Listening{});
 }
 
-// Without the tailnet there is no address to be reached at.
 std::optional<std::string> HostServer::bindAddress() const
 {
-    if (config.allowLoopbackForTesting) return loopbackAddress;
-    return std::nullopt;
+    return isTestMode() ? loopbackAddress : tailnetAddress;
+}
+
+// A phone that was just paired connects at once, and one that was removed is to be gone.
+void HostServer::keysChanged()
+{
+    ++keysGeneration;
+    refresh();
+    endRemoved();
+}
+
+// The connections to come are secured with the new keys; the socket can stay, and with it whoever is just
+// connecting.
+void HostServer::renewKeys()
+{
+    boundKeysGeneration = keysGeneration;
+    if (requiresPairing()) keys = PelorinTLS::parameters(surroundings.pairing.keys());
+}
+
+void HostServer::endRemoved()
+{
+    if (!activeSession || !activeSession->second.identity.starts_with(PelorinTLS::devicePrefix)) return;
+    const auto devices = surroundings.pairing.devices();
+    const auto isActive = [&](const auto& device) { return device.id == activeSession->second.identity; };
+    if (std::ranges::any_of(devices, isActive)) return;
+    const SessionEnd removed = SessionEnd::removed();
+    end(activeSession->second, removed);
+    activeEnded(removed.kind, removed.reason);
 }
 
 void HostServer::listenOn(const std::string& address)
@@ -124,47 +159,104 @@ void HostServer::listenOn(const std::string& address)
 void HostServer::accept(std::unique_ptr<Channel> connection)
 {
     queue->assertCurrent();
-    const auto peer = admission(connection->remoteAddress());
-    if (!peer) return refuse(std::move(connection), peer.error());
-    makeRoom();
-    addSession(std::move(connection), *peer);
+    if (isTestMode()) return acceptLoopback(std::move(connection));
+    acceptTailnet(std::move(connection));
 }
 
-Result<std::string, std::string> HostServer::admission(const std::string& address) const
+void HostServer::acceptLoopback(std::unique_ptr<Channel> connection)
 {
-    if (!config.allowLoopbackForTesting) return std::unexpected("不是 Tailscale 地址");
-    if (!isLoopback(address)) return std::unexpected("测试模式只接受本机连接");
-    return "本机（测试模式）";
+    if (!isLoopback(connection->remoteAddress()))
+        return refuse(std::move(connection), "测试模式只接受本机连接");
+    makeRoom();
+    addSession(std::move(connection), "本机（测试模式）", nullptr);
+}
+
+void HostServer::acceptTailnet(std::unique_ptr<Channel> connection)
+{
+    const std::string source = connection->remoteAddress();
+    // Not a word for these: a flood must cost us less than the flooder.
+    if (penalties.blockedFor(source, queue->now()) || !penalties.openPending(source)) return;
+    std::shared_ptr<void> place(nullptr, [this, source](void*) { penalties.closePending(source); });
+    if (const auto refusal = admission.refusalWithoutAsking(source)) {
+        refuse(secured(std::move(connection)), *refusal);
+        return penalize(source, SourcePenalties::Offence::refused);
+    }
+    makeRoom();
+    const ConnectionID id = ++lastID;
+    auto question = admission.ask(
+        source, [this, id](const TailnetAdmission::Verdict& verdict) { judged(id, verdict); });
+    asking.emplace(id, Asking{std::move(connection), std::move(place), std::move(question)});
+}
+
+void HostServer::judged(ConnectionID id, const TailnetAdmission::Verdict& verdict)
+{
+    auto found = asking.extract(id);
+    if (found.empty()) return;
+    Asking& judgedOne = found.mapped();
+    auto connection = secured(std::move(judgedOne.connection));
+    if (verdict) return addSession(std::move(connection), *verdict, std::move(judgedOne.place));
+    const std::string source = connection->remoteAddress();
+    refuse(std::move(connection), verdict.error());
+    penalize(source, SourcePenalties::Offence::refused);
+}
+
+std::unique_ptr<Channel> HostServer::secured(std::unique_ptr<Channel> connection) const
+{
+    return keys ? PelorinTLS::serverChannel(std::move(connection), keys) : std::move(connection);
 }
 
 void HostServer::refuse(std::unique_ptr<Channel> connection, const std::string& reason)
 {
     const std::string peer = connection->remoteAddress();
     log.warning("rejected {}: {}", peer, reason);
-    writeConnectionLog(fmt::format("rejected {}: {}", peer, reason));
-    publish(serverEvent::Rejected{fmt::format("{}：{}", peer, reason)});
+    reject(peer, reason, reason);
     connection->start(queue);
     connection->send(encodeFrame(message::Error{ErrorCode::unauthorized, reason}));
     connection->finish();
+}
+
+void HostServer::reject(const std::string& peer, const std::string& logged, const std::string& shown)
+{
+    writeConnectionLog(fmt::format("rejected {}: {}", peer, logged));
+    publish(serverEvent::Rejected{fmt::format("{}：{}", peer, shown)});
+}
+
+void HostServer::penalize(const std::string& source, SourcePenalties::Offence offence)
+{
+    if (isTestMode()) return;
+    const SteadyTime now = queue->now();
+    penalties.penalize(source, offence, now);
+    const auto blocked = penalties.blockedFor(source, now);
+    if (!blocked) return;
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(*blocked).count();
+    log.warning("{} is turned away for {} s", source, seconds);
+    writeConnectionLog(fmt::format("turned away for {} s: {}", seconds, source));
 }
 
 // The oldest goes: it has had the most time, and a phone that comes now shall not be kept out by those who
 // only hold a place.
 void HostServer::makeRoom()
 {
-    if (pendingSessions.size() < maxPendingSessions) return;
+    if (waitingCount() < maxPendingSessions) return;
+    if (pendingSessions.empty()) {
+        asking.erase(asking.begin());
+        return;
+    }
     auto oldest = pendingSessions.extract(pendingSessions.begin());
     end(oldest.mapped(), SessionEnd::tooManyWaiting());
     waitingEnded(oldest.mapped(), SessionEnd::tooManyWaiting().reason);
 }
 
-void HostServer::addSession(std::unique_ptr<Channel> connection, std::string peer)
+void HostServer::addSession(
+    std::unique_ptr<Channel> connection, std::string peer, std::shared_ptr<void> place)
 {
     const ConnectionID id = ++lastID;
     const QueueRef sessionQueue = surroundings.queues.makeQueue("dev.pelorin.host.session");
     writeConnectionLog(fmt::format("admitted {} from {}", peer, connection->remoteAddress()));
     Record record;
     record.peer = peer;
+    record.source = connection->remoteAddress();
+    record.place = std::move(place);
     record.since = queue->now();
     record.helloTimeout = queue->after(helloTimeout, [this, id] {
         const auto found = pendingSessions.find(id);
@@ -189,10 +281,13 @@ void HostServer::end(Record& record, SessionEnd how)
     record.session.run([how = std::move(how)](HostSession& session) mutable { session.end(std::move(how)); });
 }
 
-void HostServer::saidHello(ConnectionID id, const SessionFigures& figures)
+void HostServer::saidHello(ConnectionID id, const SessionFigures& figures, const std::string& identity)
 {
     auto waiting = pendingSessions.extract(id);
     if (waiting.empty()) return;
+    waiting.mapped().identity = identity;
+    waiting.mapped().place.reset();
+    if (!identity.empty()) penalties.clear(waiting.mapped().source);
     pendingEnd.cancel();
     if (activeSession) {
         const SessionEnd replaced = SessionEnd::replaced();
@@ -221,11 +316,23 @@ void HostServer::optionsChanged(ConnectionID id, SessionOptions options)
     if (activeSession && activeSession->first == id) activeSession->second.options = options;
 }
 
-void HostServer::sessionClosed(ConnectionID id, EndKind kind, const std::string& reason)
+void HostServer::sessionClosed(
+    ConnectionID id, EndKind kind, const std::optional<std::string>& reason, bool tlsFailed)
 {
-    if (activeSession && activeSession->first == id) return activeEnded(kind, reason);
+    if (activeSession && activeSession->first == id) return activeEnded(kind, reason.value_or("closed"));
     const auto waiting = pendingSessions.extract(id);
-    if (!waiting.empty()) waitingEnded(waiting.mapped(), reason);
+    if (waiting.empty()) return;
+    const Record& record = waiting.mapped();
+    if (tlsFailed) return handshakeFailed(record, reason);
+    waitingEnded(record, reason.value_or("closed"));
+    if (kind == EndKind::dropped) penalize(record.source, SourcePenalties::Offence::noHello);
+}
+
+void HostServer::handshakeFailed(const Record& record, const std::optional<std::string>& reason)
+{
+    log.warning("rejected {}: {}", record.peer, reason.value_or("TLS"));
+    reject(record.peer, reason.value_or("TLS"), "TLS 认证失败（未配对）");
+    penalize(record.source, SourcePenalties::Offence::handshakeFailed);
 }
 
 void HostServer::activeEnded(EndKind kind, const std::string& reason)
@@ -275,8 +382,11 @@ HostServer::Status HostServer::status() const
     Status status;
     if (listener && boundAddress) status.listening = fmt::format("{}:{}", *boundAddress, listener->port());
     status.port = listener ? listener->port() : 0;
+    status.tailnetAddress = tailnetAddress;
+    status.dnsName = admission.ownDNSName();
     if (activeSession) status.session = activeSession->second.figures;
-    status.waitingForHello = pendingSessions.size();
+    status.waitingForHello = waitingCount();
+    status.blockedSources = penalties.blockedCount(queue->now());
     return status;
 }
 

@@ -2,6 +2,9 @@
 
 #include "PelorinHost/HostSession.h"
 #include "PelorinHost/ServerEvent.h"
+#include "PelorinHost/Trust/SourcePenalties.h"
+#include "PelorinHost/Trust/TailnetAdmission.h"
+#include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Channel/TcpChannel.h"
 #include "PelorinNet/Queue/Confined.h"
 
@@ -9,9 +12,10 @@
 
 namespace pelorin {
 
-// The host's way in: listens where phones may come from, admits or refuses each connection, and lets one
-// phone at a time control the desktop, the one that said hello last. Queue: "dev.pelorin.host.server". Owns
-// the listener and all sessions, which live on queues of their own. Owned by the HostController.
+// The host's way in: listens where phones may come from, admits or refuses each connection, secures it with
+// the paired phones' keys, and lets one phone at a time control the desktop, the one that said hello last.
+// Queue: "dev.pelorin.host.server". Owns the listener and all sessions, which live on queues of their own.
+// Owned by the HostController.
 class HostServer {
 public:
     using Listen = std::function<Result<std::unique_ptr<TcpListener>, NetError>(
@@ -39,7 +43,12 @@ public:
         std::uint16_t port = 0; // where phones connect; 0 while nothing listens
         std::optional<SessionFigures> session; // the active one's
         std::size_t waitingForHello = 0;
+        std::size_t blockedSources = 0; // turned away for a while
     };
+    // Who connects and stays silent, or connects again and again, must not use up the machine.
+    static constexpr std::size_t maxPendingSessions = 32;
+    static constexpr std::chrono::seconds helloTimeout{10}; // a phone says hello with its first packet
+
     Status status() const;
 
 private:
@@ -48,6 +57,9 @@ private:
     // A session as the server sees it.
     struct Record {
         std::string peer;
+        std::string source; // the address it came from
+        std::string identity; // of the paired phone; known with hello
+        std::shared_ptr<void> place; // among its source's connections without hello; given up with it
         Confined<HostSession> session;
         SteadyTime since; // accepted, later: said hello
         Subscription helloTimeout;
@@ -55,24 +67,43 @@ private:
         SessionOptions options;
     };
 
+    // A connection whose owner Tailscale is being asked about.
+    struct Asking {
+        std::unique_ptr<Channel> connection;
+        std::shared_ptr<void> place;
+        Subscription question;
+    };
+
     void refresh();
     void listenOn(const std::string& address);
     std::optional<std::string> bindAddress() const;
+    bool isTestMode() const { return config.allowLoopbackForTesting; }
+    bool requiresPairing() const { return config.requirePairing && !isTestMode(); }
+    void keysChanged();
+    void renewKeys();
+    void endRemoved();
 
-    // The label of an admitted peer, or the reason of its refusal.
-    Result<std::string, std::string> admission(const std::string& address) const;
+    void acceptLoopback(std::unique_ptr<Channel> connection);
+    void acceptTailnet(std::unique_ptr<Channel> connection);
+    void judged(ConnectionID id, const TailnetAdmission::Verdict& verdict);
+    std::unique_ptr<Channel> secured(std::unique_ptr<Channel> connection) const;
     void refuse(std::unique_ptr<Channel> connection, const std::string& reason);
+    void reject(const std::string& peer, const std::string& logged, const std::string& shown);
+    void penalize(const std::string& source, SourcePenalties::Offence offence);
+    std::size_t waitingCount() const { return asking.size() + pendingSessions.size(); }
     void makeRoom();
-    void addSession(std::unique_ptr<Channel> connection, std::string peer);
+    void addSession(std::unique_ptr<Channel> connection, std::string peer, std::shared_ptr<void> place);
     struct Reporter;
     void end(Record& record, SessionEnd how);
 
-    void saidHello(ConnectionID id, const SessionFigures& figures);
+    void saidHello(ConnectionID id, const SessionFigures& figures, const std::string& identity);
     void updated(ConnectionID id, const SessionFigures& figures);
     void optionsChanged(ConnectionID id, SessionOptions options);
-    void sessionClosed(ConnectionID id, EndKind kind, const std::string& reason);
+    void sessionClosed(
+        ConnectionID id, EndKind kind, const std::optional<std::string>& reason, bool tlsFailed);
     void activeEnded(EndKind kind, const std::string& reason);
     void waitingEnded(const Record& record, const std::string& reason);
+    void handshakeFailed(const Record& record, const std::optional<std::string>& reason);
     void lockAfter(EndKind kind, SessionOptions options);
     void pendingEndFired();
 
@@ -84,15 +115,23 @@ private:
     Listen listen;
     QueueRef queue;
     Log log{"server"};
+    TailnetAdmission admission;
+    SourcePenalties penalties;
+    std::optional<std::string> tailnetAddress;
     std::unique_ptr<TcpListener> listener;
     std::optional<std::string> boundAddress;
+    int keysGeneration = 0; // raised with every change of the store's keys
+    int boundKeysGeneration = -1; // that the listener's keys are of
+    std::shared_ptr<const PelorinTLS::ServerParameters> keys; // none where nobody needs to be paired
     bool reportedNoAddress = false;
+    std::map<ConnectionID, Asking> asking; // oldest first
     std::map<ConnectionID, Record> pendingSessions; // admitted, not yet past hello; oldest first
     std::optional<std::pair<ConnectionID, Record>> activeSession;
     ConnectionID lastID = 0;
     Subscription pendingEnd; // the grace of a phone that dropped out
     bool pendingEndLocks = false;
     Subscription timer;
+    Subscription keysWatch;
     Lifetime lifetime;
 };
 

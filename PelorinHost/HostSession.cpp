@@ -167,6 +167,7 @@ void HostSession::on(const message::Hello& hello)
         hello.viewport.widthPx, hello.viewport.heightPx, static_cast<int>(hello.display.mode),
         hello.display.density);
     HostPlatform& platform = surroundings.platform;
+    if (isRemoved()) return end(SessionEnd::removed());
     if (auto refusal = refusalOf(hello, platform.permissions())) {
         log.warning("hello refused: {}", refusal->reason);
         return end(std::move(*refusal));
@@ -230,6 +231,15 @@ void HostSession::on(const message::SetOptions& change)
 void HostSession::on(const message::PasteText& paste)
 {
     running->input.paste(paste);
+}
+
+// The channel may have been set up a moment before the phone was removed.
+bool HostSession::isRemoved() const
+{
+    const std::string identity = peerIdentity();
+    if (!identity.starts_with(PelorinTLS::devicePrefix)) return false;
+    const auto devices = surroundings.pairing.devices();
+    return std::ranges::none_of(devices, [&](const auto& device) { return device.id == identity; });
 }
 
 // Only who set up this very channel with the link's key knows what the link said.

@@ -75,6 +75,8 @@ private:
     template <class InputMessage>
     void on(const InputMessage& input);
 
+    bool isRemoved() const;
+
     void startStreaming();
     void startCursor();
     ScreenStreamer::Settings streamSettings();

@@ -121,4 +121,10 @@ SessionEnd SessionEnd::onMac()
     return told(EndKind::endedOnMac, "disconnected on the Mac", ErrorCode::internalError, "已在 Mac 上断开");
 }
 
+SessionEnd SessionEnd::removed()
+{
+    return told(EndKind::endedOnMac, "the phone was removed on the Mac", ErrorCode::unauthorized,
+        "这部手机没有和这台 Mac 配对（可能在 Mac 上被移除了），请重新配对");
+}
+
 } // namespace pelorin

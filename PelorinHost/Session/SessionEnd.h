@@ -35,6 +35,7 @@ struct SessionEnd {
     static SessionEnd captureNotStarted();
     static SessionEnd replaced();
     static SessionEnd onMac();
+    static SessionEnd removed(); // the phone is not among the paired ones any more
 };
 
 } // namespace pelorin

@@ -7,6 +7,7 @@
 #include "Tests/Lab/Programs.h"
 
 #include <deque>
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
 namespace pelorin {
@@ -35,6 +36,8 @@ std::string describe(const ServerEvent& event)
     if (const auto* e = std::get_if<SessionStarted>(&event)) return "started " + e->label;
     if (const auto* e = std::get_if<SessionEnded>(&event)) return "ended " + e->reason.value_or("");
     if (const auto* e = std::get_if<Rejected>(&event)) return "rejected " + e->text;
+    if (const auto* e = std::get_if<AllowedLogins>(&event))
+        return fmt::format("logins {}", fmt::join(e->names, ","));
     if (const auto* e = std::get_if<Stats>(&event)) return "stats " + e->line;
     return "other";
 }
@@ -129,24 +132,232 @@ TEST_F(ServerTest, waitsForTheTailnetOutsideOfTestMode)
     EXPECT_THAT(connectionLog, ElementsAre("no Tailscale address; waiting for Tailscale"));
 }
 
+// A host in a tailnet, with the Tailscale tool and phones that speak TLS.
+struct TailnetServerTest : ServerTest {
+    static constexpr const char* ownAddress = "100.64.0.1";
+    static constexpr const char* phoneAddress = "100.64.0.2";
+
+    void join()
+    {
+        platform.systemPort.executables = {"/usr/bin/tailscale"};
+        platform.systemPort.interfaces = {{"lo", "127.0.0.1"}, {"tailscale0", ownAddress}};
+        begin(false);
+    }
+    void answer(const std::string& login, const std::string& node)
+    {
+        const std::string json = R"({"Node": {"ComputedName": ")" + node
+            + R"("}, "UserProfile": {"LoginName": ")" + login + R"("}})";
+        ASSERT_TRUE(platform.systemPort.answer(ToolExit{0, json, {}}));
+        queues.runReady();
+    }
+    void joinAs(const std::string& login)
+    {
+        join();
+        answer(login, "desk");
+        ASSERT_TRUE(platform.systemPort.answer(ToolExit{0, R"({"Self": {"DNSName": "desk.ts.net."}})", {}}));
+        queues.runReady();
+        events.clear();
+    }
+
+    // Connects with a key, or in plain text.
+    std::unique_ptr<FakePhone> call(
+        const std::optional<PelorinTLS::Key>& key, const std::string& address = phoneAddress)
+    {
+        auto pair = LoopbackPair::make({.remoteAddress = address});
+        auto end = key ? PelorinTLS::clientChannel(std::move(pair.second), *key) : std::move(pair.second);
+        auto phone = std::make_unique<FakePhone>(std::move(end), queues.makeQueue("phone"));
+        server->accept(std::move(pair.first));
+        queues.runReady();
+        return phone;
+    }
+
+    // Pairs a phone the way phones do, and returns its key.
+    PelorinTLS::Key pair(const std::string& name)
+    {
+        const auto offer = pairing.beginPairing();
+        queues.runReady();
+        const auto phone = call(offer.key);
+        if (platform.systemPort.runningCount() > 0) answer("me@example.com", "phone");
+        phone->send(message::PairRequest{offer.key.identity, name});
+        queues.runReady();
+        const auto result = phone->last<message::PairResult>();
+        EXPECT_TRUE(phone->isClosed);
+        return {result.deviceID, SecretBytes(ByteView(result.key))};
+    }
+};
+
+TEST_F(TailnetServerTest, admitsNobodyBeforeItKnowsWhoseMachineItIs)
+{
+    config.allowedLoginNames = {"friend@example.com"};
+    join();
+    EXPECT_THAT(listenCalls, ElementsAre("100.64.0.1:7420"));
+    const auto early = call(std::nullopt);
+    queues.advance(1s); // in which it could have set up a secure channel to be told on
+    EXPECT_TRUE(early->isClosed);
+    EXPECT_THAT(
+        connectionLog.back(), HasSubstr("rejected 100.64.0.2: 未确定（经 Tailscale 的连接会被拒绝）"));
+
+    platform.systemPort.answer(ToolExit{1, {}, "not logged in"});
+    queues.runReady();
+    for (int i = 0; i < 3; ++i) {
+        queues.advance(5s);
+        platform.systemPort.answer(ToolExit{1, {}, "not logged in"});
+        queues.runReady();
+    }
+    const auto reports = std::ranges::count_if(
+        connectionLog, [](const auto& line) { return line.starts_with("whois for this Mac failed"); });
+    EXPECT_EQ(reports, 1) << "once";
+    call(std::nullopt);
+    EXPECT_EQ(connectionLog.back(), "rejected 100.64.0.2: tailscale exited 1: not logged in");
+
+    queues.advance(5s);
+    answer("me@example.com", "desk");
+    EXPECT_THAT(events, testing::Contains("logins me@example.com,friend@example.com"));
+}
+
+TEST_F(TailnetServerTest, admitsByWhoisAndSaysWhyNot)
+{
+    config.requirePairing = false; // so that the words show
+    config.allowedLoginNames = {"Friend@Example.com"};
+    config.allowedNodeNames = {"phone"};
+    joinAs("me@example.com");
+    const struct {
+        std::string login;
+        std::string node;
+        std::string refusal; // empty: admitted
+    } rows[] = {
+        {"ME@example.com", "Phone", ""},
+        {"friend@example.com", "phone", ""},
+        {"me@example.com", "phone2", "me@example.com（phone2） 不在允许列表"},
+        {"stranger@example.com", "phone", "stranger@example.com（phone） 不在允许列表"},
+    };
+    int host = 10;
+    for (const auto& [login, node, refusal] : rows) {
+        const auto phone = call(std::nullopt, fmt::format("100.64.0.{}", host++));
+        EXPECT_FALSE(phone->isClosed) << "not before Tailscale has answered";
+        phone->hello();
+        answer(login, node);
+        EXPECT_EQ(phone->last<message::Error>().message, refusal);
+        EXPECT_EQ(phone->count<message::HelloAck>(), refusal.empty() ? 1u : 0u) << login << node;
+    }
+    const auto broken = call(std::nullopt, "100.64.0.99");
+    platform.systemPort.answer(std::unexpected(ToolFailure{ToolFailure::Kind::timedOut, "late"}));
+    queues.runReady();
+    EXPECT_EQ(broken->last<message::Error>().message, "tailscale CLI timed out");
+    EXPECT_EQ(call(std::nullopt, "10.0.0.1")->last<message::Error>().message, "不是 Tailscale 地址");
+}
+
+TEST_F(TailnetServerTest, servesPairedPhonesAndTellsTheRestNothing)
+{
+    joinAs("me@example.com");
+    const auto key = pair("my phone");
+    ASSERT_EQ(pairing.devices().size(), 1u);
+    EXPECT_EQ(server->status().dnsName, "desk.ts.net");
+
+    const auto phone = call(key);
+    phone->hello();
+    queues.runReady();
+    EXPECT_EQ(phone->count<message::HelloAck>(), 1u);
+    EXPECT_EQ(events.back(), "started phone");
+
+    const PelorinTLS::Key wrongSecret = {key.identity, PelorinTLS::randomKey("").secret};
+    const std::optional<PelorinTLS::Key> strangers[]
+        = {wrongSecret, PelorinTLS::randomKey("dev-0123456789abcdef"), std::nullopt};
+    for (const auto& stranger : strangers) {
+        events.clear();
+        const auto unpaired = call(stranger);
+        unpaired->hello();
+        queues.runReady();
+        EXPECT_TRUE(unpaired->isClosed);
+        EXPECT_TRUE(unpaired->received.empty());
+        EXPECT_EQ(events.back(), "rejected phone：TLS 认证失败（未配对）");
+        EXPECT_THAT(connectionLog, testing::Contains(StartsWith("rejected phone: ")));
+    }
+    EXPECT_FALSE(phone->isClosed) << "nobody else is any the worse";
+
+    pairing.remove(key.identity);
+    queues.runReady();
+    EXPECT_TRUE(phone->isClosed);
+    EXPECT_THAT(phone->last<message::Error>().message, StartsWith("这部手机没有和这台 Mac 配对"));
+    const auto removed = call(key);
+    removed->hello();
+    queues.runReady();
+    EXPECT_EQ(removed->count<message::HelloAck>(), 0u);
+}
+
+TEST_F(TailnetServerTest, turnsAwayWhoKeepsFailingButNotTheOthers)
+{
+    joinAs("me@example.com");
+    const auto key = pair("my phone");
+    const auto guess = [&] { return call(PelorinTLS::randomKey("dev-0123456789abcdef")); };
+    const auto blocked = [&] { return server->status().blockedSources == 1; };
+    int guesses = 0;
+    for (; guesses < 100 && !blocked(); ++guesses) guess();
+    EXPECT_TRUE(blocked());
+    EXPECT_LT(guesses, 20);
+    EXPECT_THAT(connectionLog, testing::Contains(StartsWith("turned away for ")));
+    const auto lines = connectionLog.size();
+    for (int i = 0; i < 1000; ++i) EXPECT_TRUE(guess()->isClosed);
+    EXPECT_EQ(connectionLog.size(), lines) << "a flood costs not even a line";
+    EXPECT_TRUE(call(key)->isClosed) << "the phone behind the same address has to wait";
+
+    queues.advance(20min);
+    EXPECT_FALSE(blocked());
+    const auto phone = call(key);
+    answer("me@example.com", "phone"); // it is asked anew, after so long
+    phone->hello();
+    queues.runReady();
+    EXPECT_EQ(phone->count<message::HelloAck>(), 1u);
+
+    for (int i = 0; i < 40; ++i) call(key, "100.64.0.77");
+    EXPECT_LE(server->status().waitingForHello, SourcePenalties::maxPending);
+}
+
+TEST_F(TailnetServerTest, followsItsAddressAndItsKeys)
+{
+    joinAs("me@example.com");
+    platform.systemPort.interfaces = {{"tailscale0", "100.64.0.9"}};
+    queues.advance(5s);
+    EXPECT_THAT(listenCalls, ElementsAre("100.64.0.1:7420", "100.64.0.9:7420"));
+    EXPECT_EQ(server->status().dnsName, std::nullopt) << "it may be another tailnet";
+    answer("me@example.com", "desk");
+    platform.systemPort.interfaces = {};
+    queues.advance(5s);
+    EXPECT_EQ(server->status().listening, std::nullopt);
+    EXPECT_EQ(connectionLog.back(), "no Tailscale address; waiting for Tailscale");
+    platform.systemPort.interfaces = {{"tailscale0", "100.64.0.9"}};
+    queues.advance(5s);
+    EXPECT_EQ(listenCalls.size(), 3u);
+
+    pairing.beginPairing(); // never used
+    queues.advance(10min);
+    const auto offer = pairing.beginPairing();
+    queues.runReady();
+    EXPECT_EQ(listenersAlive, 1);
+    const auto late = call(offer.key);
+    answer("me@example.com", "phone");
+    EXPECT_FALSE(late->isClosed);
+    queues.advance(9s); // says nothing
+    EXPECT_FALSE(late->isClosed);
+    queues.advance(2s);
+    EXPECT_TRUE(late->isClosed);
+}
+
 TEST_F(ServerTest, admitsByAddressAndTellsTheRefusedWhy)
 {
     const struct {
-        bool isTestMode;
         std::string address;
         std::string refusal; // empty: admitted
     } rows[] = {
-        {true, "127.0.0.1", ""},
-        {true, "127.1.2.3", ""},
-        {true, "::1", ""},
-        {true, "192.168.1.2", "测试模式只接受本机连接"},
-        {true, "::2", "测试模式只接受本机连接"},
-        {true, "1127.0.0.1", "测试模式只接受本机连接"},
-        {false, "127.0.0.1", "不是 Tailscale 地址"},
-        {false, "8.8.8.8", "不是 Tailscale 地址"},
+        {"127.0.0.1", ""},
+        {"127.1.2.3", ""},
+        {"::1", ""},
+        {"192.168.1.2", "测试模式只接受本机连接"},
+        {"::2", "测试模式只接受本机连接"},
+        {"1127.0.0.1", "测试模式只接受本机连接"},
     };
-    for (const auto& [isTestMode, address, refusal] : rows) {
-        begin(isTestMode);
+    for (const auto& [address, refusal] : rows) {
+        begin();
         events.clear();
         connectionLog.clear();
         const auto phone = connect(address);
