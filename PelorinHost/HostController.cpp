@@ -85,17 +85,14 @@ void HostController::startServer()
         serverQueue, [surroundings = surroundings, config = config, listen = listen, serverQueue] {
             return std::make_unique<HostServer>(surroundings, config, listen, serverQueue);
         });
-    server.run(
-        [onEvent = here([this](const ServerEvent& event) { handle(event); }),
-            onLine = here([this](const std::string& text) { connectionLog->append(text, queue->wallNow()); }),
-            onLockWanted = here([this] {
-                log.warning("the session asked for the desktop to be locked, which this host cannot do");
-            })](HostServer& running) {
-            running.onEvent = onEvent;
-            running.onConnectionLog = onLine;
-            running.onLockWanted = onLockWanted;
-            running.start();
-        });
+    server.run([onEvent = here([this](const ServerEvent& event) { handle(event); }),
+                   onLine = here([this](const std::string& text) {
+                       connectionLog->append(text, queue->wallNow());
+                   })](HostServer& running) {
+        running.onEvent = onEvent;
+        running.onConnectionLog = onLine;
+        running.start();
+    });
 }
 
 void HostController::handle(const ServerEvent& event)

@@ -364,7 +364,24 @@ void HostServer::lockAfter(EndKind kind, SessionOptions options)
 
 void HostServer::pendingEndFired()
 {
-    if (std::exchange(pendingEndLocks, false) && onLockWanted) onLockWanted();
+    if (std::exchange(pendingEndLocks, false)) lock();
+}
+
+// On a queue of its own, since a display server that does not answer may hold the attempt up.
+void HostServer::lock()
+{
+    if (!screenLock) {
+        const QueueRef lockQueue = surroundings.queues.makeQueue("dev.pelorin.host.lock");
+        screenLock = Confined<ScreenLock>(lockQueue,
+            [&platform = surroundings.platform, lockQueue] { return platform.makeScreenLock(lockQueue); });
+    }
+    screenLock.run([this, alive = lifetime.watch(), queue = queue](ScreenLock& locking) {
+        locking.lock([this, alive, queue](LockedBy by) {
+            queue->post([this, alive, by] {
+                if (alive) writeConnectionLog(lockedText(by));
+            });
+        });
+    });
 }
 
 bool HostServer::disconnect()

@@ -27,7 +27,6 @@ public:
     // All on the queue.
     std::function<void(ServerEvent)> onEvent;
     std::function<void(std::string line)> onConnectionLog; // one line for the connection log
-    std::function<void()> onLockWanted; // a session ended in a way that asks for the desktop to be locked
 
     void start();
     // No more connections; every phone is told that it was disconnected here. False when there was none.
@@ -106,6 +105,7 @@ private:
     void handshakeFailed(const Record& record, const std::optional<std::string>& reason);
     void lockAfter(EndKind kind, SessionOptions options);
     void pendingEndFired();
+    void lock();
 
     void publish(ServerEvent event);
     void writeConnectionLog(std::string line);
@@ -130,6 +130,7 @@ private:
     ConnectionID lastID = 0;
     Subscription pendingEnd; // the grace of a phone that dropped out
     bool pendingEndLocks = false;
+    Confined<ScreenLock> screenLock; // made when first used
     Subscription timer;
     Subscription keysWatch;
     Lifetime lifetime;

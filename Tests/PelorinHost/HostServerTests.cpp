@@ -54,7 +54,6 @@ struct ServerTest : testing::Test {
     FakeListener* listener = nullptr;
     std::vector<std::string> events;
     std::vector<std::string> connectionLog;
-    int locks = 0;
     std::unique_ptr<HostServer> server;
 
     void begin(bool isTestMode = true)
@@ -76,7 +75,6 @@ struct ServerTest : testing::Test {
             config, listen, queues.makeQueue("dev.pelorin.host.server"));
         server->onEvent = [this](const ServerEvent& event) { events.push_back(describe(event)); };
         server->onConnectionLog = [this](const std::string& line) { connectionLog.push_back(line); };
-        server->onLockWanted = [this] { ++locks; };
         server->start();
     }
 
@@ -451,13 +449,19 @@ TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
     queues.advance(9s);
     const auto back = connectWithHello(wish);
     queues.advance(4s);
-    EXPECT_EQ(locks, 0) << "it came back in time";
+    EXPECT_EQ(platform.screenLock.requests, 0) << "it came back in time";
     back->send(message::Bye{});
     queues.runReady();
-    EXPECT_EQ(locks, 1);
+    EXPECT_EQ(platform.screenLock.requests, 1);
+    platform.screenLock.answer(LockedBy::system);
+    queues.runReady();
+    EXPECT_EQ(connectionLog.back(), "locked the Mac");
     connectWithHello(wish);
     queues.advance(11s);
-    EXPECT_EQ(locks, 2);
+    EXPECT_EQ(platform.screenLock.requests, 2);
+    platform.screenLock.answer(LockedBy::shortcut);
+    queues.runReady();
+    EXPECT_EQ(connectionLog.back(), "locked the Mac with ⌃⌘Q");
 }
 
 TEST_F(ServerTest, disconnectsAndStopsOnRequest)
