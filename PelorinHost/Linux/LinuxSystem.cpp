@@ -1,33 +1,18 @@
 #include "PelorinHost/Linux/LinuxSystem.h"
 
 #include "PelorinHost/Linux/LinuxTool.h"
+#include "PelorinNet/Files/UserDirectory.h"
 
 #include <arpa/inet.h>
 #include <array>
-#include <cstdlib>
 #include <ifaddrs.h>
 #include <memory>
 #include <net/if.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace pelorin {
 namespace {
-
-std::filesystem::path homeDirectory()
-{
-    if (const char* home = std::getenv("HOME"); home && *home == '/') return home;
-    const passwd* user = getpwuid(getuid());
-    return user && user->pw_dir ? user->pw_dir : "/";
-}
-
-// A relative path in such a variable is to be ignored.
-std::filesystem::path xdgDirectory(const char* variable, const char* underHome)
-{
-    if (const char* value = std::getenv(variable); value && *value == '/') return value;
-    return homeDirectory() / underHome;
-}
 
 // The text of an IP address, empty for any other kind.
 std::string addressText(const sockaddr* address)
@@ -53,12 +38,12 @@ std::string LinuxSystem::hostName()
 
 std::filesystem::path LinuxSystem::supportDirectory()
 {
-    return xdgDirectory("XDG_CONFIG_HOME", ".config") / "Pelorin";
+    return userDirectory("XDG_CONFIG_HOME", ".config") / "Pelorin";
 }
 
 std::filesystem::path LinuxSystem::logDirectory()
 {
-    return xdgDirectory("XDG_STATE_HOME", ".local/state") / "Pelorin";
+    return userDirectory("XDG_STATE_HOME", ".local/state") / "Pelorin";
 }
 
 std::vector<InterfaceAddress> LinuxSystem::interfaceAddresses()
