@@ -80,9 +80,7 @@ void PhoneSession::start()
     video->onDrop = [this] { statistics.addDrop(); };
     video->onKeyframeNeeded = [this] { needKeyframe(); };
     channel->onBytes = [this](ByteView bytes) { received(bytes); };
-    channel->onClosed = [this](std::optional<NetError> error) {
-        end(SessionEnd::Kind::dropped, error ? error->description : "the host closed the connection");
-    };
+    channel->onClosed = [this](const std::optional<NetError>& error) { closed(error); };
     secondTimer = queue->every(tickPeriod, [this] { everySecond(); });
 
     channel->start(queue);
@@ -127,6 +125,7 @@ void PhoneSession::received(ByteView bytes)
     lastHeardAt = queue->now();
     auto messages = decoder.feed(bytes);
     if (!messages) return end(SessionEnd::Kind::protocolError, messages.error().description());
+    isAnswered |= !messages->empty();
     const auto alive = lifetime.watch();
     for (Message& message : *messages) {
         if (state == State::greeting)
@@ -135,6 +134,14 @@ void PhoneSession::received(ByteView bytes)
             handle(std::move(message));
         if (!alive || state == State::ended) return;
     }
+}
+
+void PhoneSession::closed(const std::optional<NetError>& error)
+{
+    const auto failure = PelorinTLS::handshakeFailure(*channel);
+    end({.kind = failure ? SessionEnd::Kind::notLetIn : SessionEnd::Kind::dropped,
+        .text = error ? error->description : "the host closed the connection",
+        .handshake = failure});
 }
 
 void PhoneSession::handleGreeting(Message message)
@@ -199,7 +206,7 @@ void PhoneSession::handle(const message::Pong& message)
 
 void PhoneSession::handle(const message::Error& message)
 {
-    end(SessionEnd::Kind::refused, message.message, message.code);
+    end({.kind = SessionEnd::Kind::refused, .code = message.code, .text = message.message});
 }
 
 void PhoneSession::showed(const ReceivedPicture& picture)
@@ -276,10 +283,16 @@ void PhoneSession::ping()
     write(message::Ping{nextPingID++, microsOf(now)});
 }
 
-void PhoneSession::end(SessionEnd::Kind kind, std::string text, std::optional<ErrorCode> code)
+void PhoneSession::end(SessionEnd::Kind kind, std::string text)
 {
+    end({.kind = kind, .text = std::move(text)});
+}
+
+void PhoneSession::end(SessionEnd how)
+{
+    how.isUnanswered = !isAnswered;
     close();
-    if (onEnd) onEnd({kind, code, std::move(text)});
+    if (onEnd) onEnd(std::move(how));
 }
 
 void PhoneSession::close()

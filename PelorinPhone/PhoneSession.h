@@ -1,7 +1,7 @@
 #pragma once
 
 #include "PelorinCore/Wire/FrameCodec.h"
-#include "PelorinNet/Channel/Channel.h"
+#include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Log.h"
 #include "PelorinPhone/HostClock.h"
 #include "PelorinPhone/PhoneStatistics.h"
@@ -16,12 +16,15 @@ struct SessionEnd {
     enum class Kind {
         refused, // the host sent an error: code and its text for the user
         incompatible, // the host speaks another protocol version
+        notLetIn, // TLS did not come about, see handshake
         dropped, // the connection closed, broke, or fell silent
         protocolError, // what came is not our protocol
     };
     Kind kind = Kind::dropped;
-    std::optional<ErrorCode> code; // refused
-    std::string text;
+    std::optional<ErrorCode> code{}; // refused
+    std::string text{};
+    std::optional<PelorinTLS::HandshakeFailure> handshake{}; // notLetIn
+    bool isUnanswered = false; // the host said nothing that a host says, as one does that expects TLS
 };
 
 // One session as the phone sees it: says hello, keeps the session alive, reports, decodes the video, carries
@@ -66,6 +69,7 @@ private:
     enum class State { created, greeting, running, ended };
 
     void received(ByteView bytes);
+    void closed(const std::optional<NetError>& error);
     void handle(Message message);
     void handleGreeting(Message message);
     void handle(message::HelloAck message);
@@ -77,7 +81,8 @@ private:
     void everySecond();
     void report(const PhoneFigures& figures);
     void ping();
-    void end(SessionEnd::Kind kind, std::string text, std::optional<ErrorCode> code = std::nullopt);
+    void end(SessionEnd::Kind kind, std::string text);
+    void end(SessionEnd how);
     void close();
     void write(const Message& message);
 
@@ -87,6 +92,7 @@ private:
     Settings settings;
     Log log{"phone"};
     State state = State::created;
+    bool isAnswered = false; // by anything that is a message
     FrameDecoder decoder;
     std::optional<VideoReceiver> video;
     HostClock hostClock;

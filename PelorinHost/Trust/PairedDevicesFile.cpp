@@ -22,12 +22,6 @@ constexpr double farthestSecond = 1e10; // three centuries from 2001; beyond lie
 
 constexpr std::chrono::sys_days epoch = std::chrono::year(2001) / 1 / 1;
 
-const std::string* textIn(const json& object, const char* key)
-{
-    const auto found = object.find(key);
-    return found == object.end() ? nullptr : found->get_ptr<const std::string*>();
-}
-
 std::optional<Bytes> bytesIn(const json& object, const char* key)
 {
     const std::string* text = textIn(object, key);

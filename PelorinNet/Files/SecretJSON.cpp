@@ -61,4 +61,10 @@ bool SecretJSON::write(const std::filesystem::path& path) const
     return isWritten;
 }
 
+const std::string* textIn(const json& object, const char* name)
+{
+    const auto found = object.find(name);
+    return found == object.end() ? nullptr : found->get_ptr<const std::string*>();
+}
+
 } // namespace pelorin

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
+#include <string>
 
 namespace pelorin {
 
@@ -27,5 +28,8 @@ public:
 private:
     std::unique_ptr<nlohmann::json> content;
 };
+
+// The object's member of this name; null when there is none or it is no text.
+const std::string* textIn(const nlohmann::json& object, const char* name);
 
 } // namespace pelorin
