@@ -1,10 +1,10 @@
 #include "PelorinViewer/Viewer.h"
 
 #include "PelorinCore/Keys/KeyShortcut.h"
+#include "PelorinViewer/OwnName.h"
 #include "PelorinViewer/Picture.h"
 
 #include <algorithm>
-#include <unistd.h>
 #include <utility>
 
 namespace pelorin {
@@ -16,6 +16,11 @@ constexpr Viewport headlessViewport{1920, 1080, 1};
 
 constexpr double defaultMotionSeconds = 10;
 
+constexpr auto retryPause = std::chrono::milliseconds(500);
+
+constexpr const char* howToPair
+    = "run `pelorin-host pair` there and give the link it prints to pelorin-viewer";
+
 Duration durationOf(double seconds)
 {
     return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds));
@@ -26,13 +31,6 @@ ClientCapabilities capabilitiesOf(CodecChoice codec)
     ClientCapabilities capabilities = clientCapability::choosesDisplay;
     if (codec != CodecChoice::h264) capabilities |= clientCapability::decodesHEVC;
     return capabilities;
-}
-
-std::string ownName()
-{
-    char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "pelorin-viewer";
-    return name;
 }
 
 } // namespace
@@ -50,15 +48,29 @@ Viewer::Viewer(
     if (options.measure != MeasureKind::none) openGoals.push_back(Goal::measurement);
 }
 
-void Viewer::start(const Connect& connect)
+void Viewer::start(Connect newConnect, Duration patience)
 {
     queue->assertCurrent();
     startedAt = queue->now();
+    patientUntil = startedAt + patience;
     if (options.timeoutSeconds > 0)
         timeoutTimer = queue->after(durationOf(options.timeoutSeconds),
             [this] { finish(ViewerExit::failed, "not done when the time was up"); });
+    connect = std::move(newConnect);
+    attempt();
+}
+
+void Viewer::attempt()
+{
     connecting = connect(
         [this](Result<std::unique_ptr<Channel>, NetError> channel) { connected(std::move(channel)); });
+}
+
+bool Viewer::triesAgain()
+{
+    if (queue->now() >= patientUntil) return false;
+    retryTimer = queue->after(retryPause, [this] { attempt(); });
+    return true;
 }
 
 void Viewer::stop()
@@ -82,7 +94,10 @@ void Viewer::drew(Duration drawing)
 void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
 {
     if (isFinished) return;
-    if (!channel) return finish(ViewerExit::cannotConnect, channel.error().description);
+    if (!channel) {
+        if (!triesAgain()) finish(ViewerExit::cannotConnect, channel.error().description);
+        return;
+    }
     PhoneSession::Settings settings{.clientName = ownName(),
         .viewport = options.viewport.value_or(headlessViewport),
         .display
@@ -186,9 +201,25 @@ void Viewer::showed(const ReceivedPicture& picture)
 
 void Viewer::ended(const SessionEnd& end)
 {
-    const bool isRefusal
-        = end.kind == SessionEnd::Kind::refused || end.kind == SessionEnd::Kind::incompatible;
-    finish(isRefusal ? ViewerExit::refused : ViewerExit::lost, end.text);
+    using Kind = SessionEnd::Kind;
+    if (end.kind == Kind::notLetIn && triesAgain()) return;
+    const bool isRefusal = end.kind == Kind::refused || end.kind == Kind::incompatible
+        || end.handshake == PelorinTLS::HandshakeFailure::keyRefused;
+    finish(isRefusal ? ViewerExit::refused : ViewerExit::lost, explained(end));
+}
+
+std::string Viewer::explained(const SessionEnd& end) const
+{
+    using enum PelorinTLS::HandshakeFailure;
+    if (end.handshake == keyRefused)
+        return fmt::format("the host does not know this device, or no longer; {}", howToPair);
+    if (end.handshake == notTLS)
+        return "what listens there does not speak TLS: the host asks nobody to be paired now, or is another "
+               "program";
+    const bool wasPlain = std::holds_alternative<HostAddress>(options.target);
+    if (wasPlain && end.isUnanswered)
+        return fmt::format("{}; perhaps this host talks to paired phones only: then {}", end.text, howToPair);
+    return end.text;
 }
 
 void Viewer::reached(Goal goal)
@@ -207,6 +238,7 @@ void Viewer::finish(ViewerExit exit, std::string message)
 {
     if (std::exchange(isFinished, true)) return;
     connecting.cancel();
+    retryTimer.cancel();
     secondsTimer.cancel();
     timeoutTimer.cancel();
     latency.reset();

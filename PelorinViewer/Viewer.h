@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinPhone/Pairing/SecureConnect.h"
 #include "PelorinPhone/PhoneSession.h"
 #include "PelorinViewer/ScriptPlayer.h"
 #include "PelorinViewer/ViewerReport.h"
@@ -27,10 +28,6 @@ struct ViewerResult {
 // program.
 class Viewer {
 public:
-    // Makes the connection and calls back on the queue, unless its subscription goes first.
-    using Connected = std::function<void(Result<std::unique_ptr<Channel>, NetError>)>;
-    using Connect = std::function<Subscription(Connected)>;
-
     Viewer(QueueRef queue, QueueRef decodeQueue, ViewerOptions options, std::vector<ScriptStep> script);
 
     // On the queue.
@@ -40,7 +37,9 @@ public:
     std::function<void(std::string)> onClipboard;
     std::function<void(ViewerResult)> onFinished; // once; may destroy us
 
-    void start(const Connect& connect);
+    // For so long as patience, a host that does not let us in yet, or can't be reached, is tried again: one
+    // that has just paired us takes a few seconds to listen with our key.
+    void start(Connect connect, Duration patience = {});
     void stop(); // as the user asks
     void send(const Message& message); // without effect while there is no session
     void drew(Duration drawing);
@@ -49,10 +48,13 @@ private:
     // What has to be done before the run ends by itself; with no such thing it goes on.
     enum class Goal { frames, seconds, script, measurement };
 
+    void attempt();
+    bool triesAgain();
     void connected(Result<std::unique_ptr<Channel>, NetError> channel);
     void greeted(const std::string& hostName);
     void showed(const ReceivedPicture& picture);
     void ended(const SessionEnd& end);
+    std::string explained(const SessionEnd& end) const;
     void startMeasurement();
     void reached(Goal goal);
     Result<void, std::string> saveScreenshot(const std::string& file);
@@ -64,7 +66,10 @@ private:
     Log log{"viewer"};
     std::vector<Goal> openGoals;
     SteadyTime startedAt;
+    SteadyTime patientUntil;
+    Connect connect;
     Subscription connecting;
+    Subscription retryTimer;
     std::unique_ptr<PhoneSession> session;
     ScriptPlayer script;
     std::optional<LatencyMeasurement> latency;

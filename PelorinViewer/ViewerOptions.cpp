@@ -35,6 +35,16 @@ std::optional<HostAddress> HostAddress::parse(std::string_view text)
     return HostAddress{std::string(host), *port};
 }
 
+std::optional<ViewerTarget> parseTarget(std::string_view text)
+{
+    if (text.contains("://")) {
+        auto link = PairingLink::parse(text);
+        return link ? std::optional<ViewerTarget>(std::move(*link)) : std::nullopt;
+    }
+    if (auto address = HostAddress::parse(text)) return std::move(*address);
+    return PairedHostName{std::string(text)};
+}
+
 std::optional<Viewport> parseViewport(std::string_view text)
 {
     const auto at = text.find('@');

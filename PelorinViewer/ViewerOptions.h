@@ -1,9 +1,11 @@
 #pragma once
 
+#include "PelorinCore/Pairing/PairingLink.h"
 #include "PelorinCore/Wire/Message.h"
 
 #include <optional>
 #include <string>
+#include <variant>
 
 namespace pelorin {
 
@@ -25,6 +27,16 @@ struct HostAddress {
     static std::optional<HostAddress> parse(std::string_view text);
 };
 
+// Whom to connect to.
+struct PairedHostName {
+    std::string text;
+    bool operator==(const PairedHostName&) const = default;
+};
+using ViewerTarget = std::variant<HostAddress, PairingLink, PairedHostName>;
+
+// HOST:PORT, a pairing link, or else the name of a paired host. Nothing for a link that is not whole.
+std::optional<ViewerTarget> parseTarget(std::string_view text);
+
 // "1280x720" or "1170x2532@3"; nothing for anything else, for sides of 0 or over 16384, and scales out of (0,
 // 8].
 std::optional<Viewport> parseViewport(std::string_view text);
@@ -36,7 +48,7 @@ enum class CodecChoice { any, h264, hevc };
 
 // What one run of the viewer is asked to do.
 struct ViewerOptions {
-    HostAddress address;
+    ViewerTarget target;
     bool isHeadless = false;
     std::optional<Viewport> viewport; // otherwise the window's, or headless 1920x1080
     CodecChoice codec = CodecChoice::any;

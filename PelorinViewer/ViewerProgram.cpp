@@ -2,17 +2,16 @@
 
 #include "PelorinNet/Channel/TcpChannel.h"
 #include "PelorinPhone/GestureShaper.h"
+#include "PelorinViewer/HostList.h"
+#include "PelorinViewer/PairingRun.h"
 #include "PelorinViewer/Viewer.h"
 #include "PelorinViewer/ViewerWindow.h"
 
-#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <future>
 #include <sstream>
-#include <sys/signalfd.h>
 #include <thread>
-#include <unistd.h>
 
 namespace pelorin {
 
@@ -28,24 +27,13 @@ constexpr int threads = 2;
 // How long the last bytes may take to leave before the process goes.
 constexpr auto farewell = 100ms;
 
-// SIGINT and SIGTERM as something to read; blocked in every thread started later.
-class EndSignals {
-public:
-    EndSignals()
-    {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        descriptor = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-        require(descriptor >= 0, "signalfd");
-    }
-    ~EndSignals() { close(descriptor); }
-    EndSignals(const EndSignals&) = delete;
-    EndSignals& operator=(const EndSignals&) = delete;
+// What a fresh pairing needs until the host listens with the new key.
+constexpr Duration pairingPatience = 10s;
 
-    int descriptor = -1;
+// Whom to connect to, once a link is redeemed and a name is looked up.
+struct Way {
+    std::variant<HostAddress, PairedHost> host;
+    Duration patience{};
 };
 
 Result<std::vector<ScriptStep>, std::string> readScript(const std::string& file)
@@ -108,29 +96,36 @@ public:
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    ViewerResult withoutWindow(const HostAddress& address)
+    ViewerResult withoutWindow(const Way& way)
     {
-        connect(address);
+        connect(way);
         return finished.get_future().get();
     }
 
-    ViewerResult inWindow(const HostAddress& address, ViewerWindow& shown, bool sharesClipboard)
+    ViewerResult inWindow(const Way& way, ViewerWindow& shown, bool sharesClipboard)
     {
         queue->post([this, &shown, sharesClipboard] { attach(shown, sharesClipboard); });
-        connect(address);
+        connect(way);
         shown.run(windowInput(sharesClipboard));
         return finished.get_future().get();
     }
 
 private:
-    void connect(const HostAddress& address)
+    void connect(const Way& way)
     {
-        queue->post([this, address] {
-            viewer->start([&](Viewer::Connected connected) {
-                return connectTcp(
-                    pool, queue, address.host, address.port, connectTimeout, std::move(connected));
-            });
-        });
+        queue->post([this, way] { viewer->start(connectionTo(way.host), way.patience); });
+    }
+
+    Connect connectionTo(const std::variant<HostAddress, PairedHost>& host)
+    {
+        const ConnectTo connectTo = [this](std::string name, std::uint16_t port, Connected connected) {
+            return connectTcp(pool, queue, std::move(name), port, connectTimeout, std::move(connected));
+        };
+        if (const auto* paired = std::get_if<PairedHost>(&host))
+            return connectSecurely(connectTo, paired->place, paired->key);
+        return [connectTo, address = std::get<HostAddress>(host)](Connected connected) {
+            return connectTo(address.host, address.port, std::move(connected));
+        };
     }
 
     void attach(ViewerWindow& shown, bool sharesClipboard)
@@ -184,19 +179,34 @@ private:
 };
 
 ViewerResult runHeadless(
-    const EndSignals& signals, const ViewerOptions& options, std::vector<ScriptStep> script)
+    const EndSignals& signals, const ViewerOptions& options, std::vector<ScriptStep> script, const Way& way)
 {
     Run run(signals, options, std::move(script));
-    return run.withoutWindow(options.address);
+    return run.withoutWindow(way);
 }
 
-ViewerResult runInWindow(const EndSignals& signals, ViewerOptions options, std::vector<ScriptStep> script)
+ViewerResult runInWindow(
+    const EndSignals& signals, ViewerOptions options, std::vector<ScriptStep> script, const Way& way)
 {
     const auto window = ViewerWindow::open(options.showsOverlay);
     if (!window) return {ViewerExit::failed, window.error(), {}};
     if (!options.viewport) options.viewport = (*window)->viewport();
     Run run(signals, options, std::move(script));
-    return run.inWindow(options.address, **window, options.sharesClipboard);
+    return run.inWindow(way, **window, options.sharesClipboard);
+}
+
+Result<Way, ViewerResult> wayTo(const ViewerTarget& target, const EndSignals& signals)
+{
+    if (const auto* address = std::get_if<HostAddress>(&target)) return Way{*address};
+    if (const auto* name = std::get_if<PairedHostName>(&target)) {
+        auto known = ownPairedHosts().find(name->text);
+        if (!known) return std::unexpected(ViewerResult{ViewerExit::usage, known.error(), {}});
+        return Way{std::move(*known)};
+    }
+    auto paired = pairWith(std::get<PairingLink>(target), ownPairedHosts(), signals);
+    if (!paired) return std::unexpected(std::move(paired.error()));
+    fmt::print(stderr, "Paired with {0}. From now on: pelorin-viewer '{0}'\n", paired->name);
+    return Way{std::move(*paired), pairingPatience};
 }
 
 } // namespace
@@ -209,8 +219,10 @@ int runViewer(const ViewerOptions& options)
         return static_cast<int>(ViewerExit::usage);
     }
     const EndSignals signals; // before there is any other thread
-    const auto result = options.isHeadless ? runHeadless(signals, options, std::move(*script))
-                                           : runInWindow(signals, options, std::move(*script));
+    const auto way = wayTo(options.target, signals);
+    if (!way) return print(way.error(), options);
+    const auto result = options.isHeadless ? runHeadless(signals, options, std::move(*script), *way)
+                                           : runInWindow(signals, options, std::move(*script), *way);
     return print(result, options);
 }
 

@@ -2,6 +2,7 @@
 
 #include "PelorinCore/Keys/KeyShortcut.h"
 #include "PelorinNet/Log.h"
+#include "PelorinViewer/HostList.h"
 #include "PelorinViewer/ViewerProgram.h"
 
 #include <CLI/CLI.hpp>
@@ -16,7 +17,12 @@ constexpr int usageError = 2;
 // With a count of frames but no time limit: a desktop that stands still sends few.
 constexpr double framesTimeoutSeconds = 60;
 
-constexpr auto footer = R"(Keys in the window:
+constexpr auto footer = R"(HOST is one of
+  'pelorin://pair?...'  the link that `pelorin-host pair` prints: pairs with that host, and shows it
+  NAME                  a host that was paired so
+  HOST:PORT             a host in test mode, without pairing
+
+Keys in the window:
   a click         captures the mouse and the keyboard
   right Ctrl      gives them back
   F9              while they are given back: figures on and off
@@ -35,15 +41,6 @@ std::function<std::string(const std::string&)> storing(Value& target,
     };
 }
 
-std::string whyNotAHost(const std::string& text)
-{
-    if (text.starts_with("pelorin://"))
-        return "This viewer can't use pairing links yet; give the host's address as HOST:PORT.";
-    return "\"" + text
-        + "\" is not an address such as 10.0.0.5:7420 or [::1]:7420; paired hosts' names are not known "
-          "to this viewer yet.";
-}
-
 } // namespace
 
 int main(int count, char** arguments)
@@ -52,7 +49,11 @@ int main(int count, char** arguments)
     std::string host;
     CLI::App app("Shows and controls the desktop of a Pelorin host.", "pelorin-viewer");
     app.footer(footer);
-    app.add_option("host", host, "HOST:PORT of the host")->required();
+    auto* hostOption = app.add_option("host", host, "Whom to show, see below");
+    bool lists = false;
+    app.add_flag("--list", lists, "List the paired hosts");
+    std::string forgotten;
+    app.add_option("--forget", forgotten, "Forget the paired host of this name")->excludes(hostOption);
     app.add_flag("--headless", options.isHeadless, "No window; ends when what is asked below is done");
     app.add_option("--frames", options.frames, "End after so many decoded pictures")
         ->check(CLI::PositiveNumber);
@@ -92,12 +93,15 @@ int main(int count, char** arguments)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : usageError;
     }
-    const auto address = HostAddress::parse(host);
-    if (!address) {
-        std::fprintf(stderr, "pelorin-viewer: %s\n", whyNotAHost(host).c_str());
+    if (lists) return listHosts(ownPairedHosts(), options.printsJSON);
+    if (!forgotten.empty()) return forgetHost(ownPairedHosts(), forgotten, options.printsJSON);
+    auto target = host.empty() ? std::nullopt : parseTarget(host);
+    if (!target) {
+        std::fprintf(stderr, "pelorin-viewer: %s\n",
+            host.empty() ? "which host? See --help" : "this pairing link is not whole");
         return usageError;
     }
-    options.address = *address;
+    options.target = std::move(*target);
     if (options.frames > 0 && options.timeoutSeconds == 0) options.timeoutSeconds = framesTimeoutSeconds;
     Log::setLevel(isVerbose ? LogLevel::debug : LogLevel::warning);
     return runViewer(options);

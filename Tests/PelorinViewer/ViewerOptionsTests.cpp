@@ -29,6 +29,24 @@ TEST(ViewerOptions, readAddresses)
     for (const auto& [text, expected] : rows) EXPECT_EQ(HostAddress::parse(text), expected) << text;
 }
 
+TEST(ViewerOptions, tellAddressesLinksAndNamesApart)
+{
+    const PairingLink link{
+        "Studio", "100.64.0.1", {}, 7420, "pair-0123456789abcdef", SecretBytes(Bytes(32, 1))};
+    const struct {
+        std::string text;
+        std::optional<ViewerTarget> expected;
+    } rows[] = {
+        {"10.0.0.5:7420", HostAddress{"10.0.0.5", 7420}},
+        {link.url(), link},
+        {link.url().substr(0, 60), std::nullopt},
+        {"pelorin://other", std::nullopt},
+        {"王的 Studio", PairedHostName{"王的 Studio"}},
+        {"fd7a::1", PairedHostName{"fd7a::1"}},
+    };
+    for (const auto& [text, expected] : rows) EXPECT_EQ(parseTarget(text), expected) << text;
+}
+
 TEST(ViewerOptions, readSizesAndRectangles)
 {
     EXPECT_EQ(parseViewport("1280x720"), (Viewport{1280, 720, 1}));

@@ -2,6 +2,7 @@
 
 #include "PelorinCore/Keys/MacKey.h"
 #include "PelorinNet/Channel/LoopbackPair.h"
+#include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Picture.h"
 #include "Tests/Lab/Programs.h"
@@ -41,22 +42,27 @@ protected:
     }
     void start(std::string_view script = {})
     {
+        connect(script);
+        hostSays(message::HelloAck{protocolVersion, "Test host"});
+        hostSays(message::PathInfo{"loopback"});
+        hostSays(encoder.format());
+    }
+    void connect(std::string_view script = {})
+    {
         if (!script.empty()) options.scriptFile = "given";
         run([this, steps = parseScript(script).value()]() mutable {
             viewer.emplace(queue, decodeQueue, options, std::move(steps));
             viewer->onFinished = [this](ViewerResult end) { result = std::move(end); };
-            viewer->start([this](Viewer::Connected connected) {
+            viewer->start([this](Connected connected) {
                 auto pair = LoopbackPair::make({});
                 host.emplace(std::move(pair.second), queue);
+                host->answersPings = answersPings;
                 queue->post([connected = std::move(connected), channel = std::move(pair.first)]() mutable {
                     connected(std::move(channel));
                 });
                 return Subscription();
             });
         });
-        hostSays(message::HelloAck{protocolVersion, "Test host"});
-        hostSays(message::PathInfo{"loopback"});
-        hostSays(encoder.format());
     }
     void hostSays(const Message& message)
     {
@@ -69,6 +75,7 @@ protected:
     QueueRef queue = queues.makeQueue("session");
     QueueRef decodeQueue = queues.makeQueue("decode");
     ViewerOptions options;
+    bool answersPings = true;
     std::optional<lab::ScriptedHost> host;
     std::optional<Viewer> viewer;
     std::optional<ViewerResult> result;
@@ -220,6 +227,70 @@ TEST_F(ViewerTest, measuresMotionAfterItHasSettled)
     EXPECT_NEAR(figures["frames"].get<int>(), 200, 3);
 }
 
+TEST_F(ViewerTest, saysHowToPairWhenAHostHangsUpOnAPlainHello)
+{
+    const struct {
+        const char* what;
+        Bytes answer;
+        ViewerTarget target;
+        bool isTold;
+    } rows[] = {
+        {"closed at once", {}, HostAddress{"h", 1}, true},
+        {"a TLS alert", {0x15, 3, 3, 0, 2, 2, 70}, HostAddress{"h", 1}, true},
+        {"after an answer", encodeFrame(message::HelloAck{protocolVersion, "h"}), HostAddress{"h", 1}, false},
+        {"by a host that has paired us", {}, PairedHostName{"h"}, false},
+    };
+    for (const auto& [what, answer, target, isTold] : rows) {
+        result.reset();
+        options.target = target;
+        answersPings = false; // as one that waits for TLS
+        connect();
+        run([&] { host->say(answer); });
+        run([this] { host->hangUp(); });
+        ASSERT_TRUE(result) << what;
+        EXPECT_EQ(result->exit, ViewerExit::lost) << what;
+        EXPECT_EQ(result->message.find("run `pelorin-host pair` there") != std::string::npos, isTold)
+            << what << ": " << result->message;
+        run([this] { viewer.reset(); });
+    }
+}
+
+TEST_F(ViewerTest, isPatientWithAHostThatHasJustPairedIt)
+{
+    const PelorinTLS::Key key{"dev-0123456789abcdef", SecretBytes(Bytes(32, 1))};
+    options.target = PairedHostName{"h"};
+    options.seconds = 1;
+    std::vector<PelorinTLS::Key> hostKeys;
+    const auto connectSecurely = [&](Connected connected) {
+        auto pair = LoopbackPair::make({});
+        host.emplace(
+            PelorinTLS::serverChannel(std::move(pair.second), PelorinTLS::parameters(hostKeys)), queue);
+        queue->post([connected = std::move(connected), key, channel = std::move(pair.first)]() mutable {
+            connected(PelorinTLS::clientChannel(std::move(channel), key));
+        });
+        return Subscription();
+    };
+    for (const bool isLearnt : {true, false}) {
+        result.reset();
+        hostKeys.clear();
+        run([&] {
+            viewer.emplace(queue, decodeQueue, options, std::vector<ScriptStep>{});
+            viewer->onFinished = [this](ViewerResult end) { result = std::move(end); };
+            viewer->start(connectSecurely, 10s);
+        });
+        queues.advance(4s);
+        EXPECT_FALSE(result);
+        if (isLearnt) hostKeys = {key};
+        queues.advance(1s);
+        if (isLearnt) hostSays(message::HelloAck{protocolVersion, "Test host"});
+        queues.advance(6s);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->exit, isLearnt ? ViewerExit::fine : ViewerExit::refused) << result->message;
+        EXPECT_EQ(result->message.find("does not know this device") != std::string::npos, !isLearnt);
+        run([this] { viewer.reset(); });
+    }
+}
+
 TEST_F(ViewerTest, mayBeDestroyedWhenItFinishesAndWhileItConnects)
 {
     options.frames = 1;
@@ -234,7 +305,7 @@ TEST_F(ViewerTest, mayBeDestroyedWhenItFinishesAndWhileItConnects)
 
     run([this] {
         viewer.emplace(queue, decodeQueue, options, std::vector<ScriptStep>{});
-        viewer->start([this](const Viewer::Connected& connected) {
+        viewer->start([this](const Connected& connected) {
             return queue->after(1s, [connected] { connected(std::unexpected(NetError{"too late"})); });
         });
         viewer.reset();
