@@ -20,7 +20,7 @@ int read(BIO* bio, char* to, int size)
         return -1;
     }
     const ByteView taken = incoming.first(std::min(incoming.size(), static_cast<std::size_t>(size)));
-    std::ranges::copy(taken, to);
+    std::ranges::copy(taken, reinterpret_cast<std::uint8_t*>(to));
     incoming = incoming.subspan(taken.size());
     return static_cast<int>(taken.size());
 }
@@ -28,7 +28,8 @@ int read(BIO* bio, char* to, int size)
 int write(BIO* bio, const char* from, int size)
 {
     Bytes& outgoing = streamsOf(bio).outgoing;
-    outgoing.insert(outgoing.end(), from, from + size);
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(from); // else each byte is converted
+    outgoing.insert(outgoing.end(), bytes, bytes + size);
     return size;
 }
 
