@@ -100,6 +100,7 @@ protected:
                 made.channel->onClosed = [&made](auto error) {
                     made.closed = error ? error->description : "in order";
                     made.failure = PelorinTLS::handshakeFailure(*made.channel);
+                    made.channel.reset(); // an alert gets through all the same
                 };
                 made.channel->start(queue);
             };
