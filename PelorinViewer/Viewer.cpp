@@ -1,6 +1,7 @@
 #include "PelorinViewer/Viewer.h"
 
 #include "PelorinCore/Keys/KeyShortcut.h"
+#include "PelorinPhone/Pairing/PairingExchange.h"
 #include "PelorinViewer/OwnName.h"
 #include "PelorinViewer/Picture.h"
 
@@ -15,8 +16,6 @@ namespace {
 constexpr Viewport headlessViewport{1920, 1080, 1};
 
 constexpr double defaultMotionSeconds = 10;
-
-constexpr auto retryPause = std::chrono::milliseconds(500);
 
 constexpr const char* howToPair
     = "run `pelorin-host pair` there and give the link it prints to pelorin-viewer";
@@ -69,7 +68,7 @@ void Viewer::attempt()
 bool Viewer::triesAgain()
 {
     if (queue->now() >= patientUntil) return false;
-    retryTimer = queue->after(retryPause, [this] { attempt(); });
+    retryTimer = queue->after(PairingExchange::retryPause, [this] { attempt(); });
     return true;
 }
 

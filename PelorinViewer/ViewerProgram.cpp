@@ -2,6 +2,7 @@
 
 #include "PelorinNet/Channel/TcpChannel.h"
 #include "PelorinPhone/GestureShaper.h"
+#include "PelorinPhone/Pairing/PairingExchange.h"
 #include "PelorinViewer/HostList.h"
 #include "PelorinViewer/PairingRun.h"
 #include "PelorinViewer/Viewer.h"
@@ -26,9 +27,6 @@ constexpr int threads = 2;
 
 // How long the last bytes may take to leave before the process goes.
 constexpr auto farewell = 100ms;
-
-// What a fresh pairing needs until the host listens with the new key.
-constexpr Duration pairingPatience = 10s;
 
 // Whom to connect to, once a link is redeemed and a name is looked up.
 struct Way {
@@ -206,7 +204,7 @@ Result<Way, ViewerResult> wayTo(const ViewerTarget& target, const EndSignals& si
     auto paired = pairWith(std::get<PairingLink>(target), ownPairedHosts(), signals);
     if (!paired) return std::unexpected(std::move(paired.error()));
     fmt::print(stderr, "Paired with {0}. From now on: pelorin-viewer '{0}'\n", paired->name);
-    return Way{std::move(*paired), pairingPatience};
+    return Way{std::move(*paired), PairingExchange::keyPatience};
 }
 
 } // namespace

@@ -20,10 +20,10 @@ public:
         std::string text; // for people
     };
 
-    // A host takes up to 5 s to listen with the key of a link that it just made: so long a refused key is
-    // tried again, and whatever happens while its listener is replaced.
-    static constexpr std::chrono::seconds keyPatience{8};
-    static constexpr std::chrono::milliseconds retryPause{500};
+    // A host may need up to 5 s to listen with a key that is new to it: so long a refused key is tried again,
+    // and whatever happens while its listener is replaced. Seldom, since hosts turn away who fails too often.
+    static constexpr std::chrono::seconds keyPatience{6};
+    static constexpr std::chrono::seconds retryPause{3};
 
     // connectTo is called for every try; deviceName is what the host will call us.
     PairingExchange(QueueRef queue, ConnectTo connectTo, PairingLink link, std::string deviceName);

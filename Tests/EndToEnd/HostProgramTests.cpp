@@ -78,6 +78,21 @@ TEST(HostProgram, replacesABrokenSettingsFileAndThenOnlyWaits)
     }));
 }
 
+TEST(HostProgram, saysWhyNoPhoneCanBePairedInTestMode)
+{
+    lab::XServer server;
+    HostProgram host(server.display());
+    ASSERT_TRUE(host.waitUntilListening());
+    for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--json"}}) {
+        std::vector<std::string> command{
+            lab::programPath("pelorin-host"), "pair", "--support-dir", host.support().string()};
+        command.insert(command.end(), more.begin(), more.end());
+        EXPECT_NE(lab::outputOf(command).find("没法配对：未启用配对"), std::string::npos);
+        EXPECT_EQ(lab::Process::start(command)->waitForExit(20'000), 1);
+    }
+    EXPECT_NE(host.control({"devices"}).find("no phone is paired"), std::string::npos);
+}
+
 TEST(HostProgram, waitsForAPortThatIsInUse)
 {
     lab::XServer server;

@@ -1,192 +1,164 @@
 #include "PelorinCore/Pairing/PairingLink.h"
-#include "PelorinHost/HostSession.h"
-#include "PelorinHost/Linux/LinuxPlatform.h"
-#include "PelorinNet/Channel/PelorinTLS.h"
-#include "PelorinNet/Channel/TcpChannel.h"
-#include "PelorinNet/Queue/Confined.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/Lab/Tailnet.h"
+#include "Tests/Lab/Wait.h"
 
-#include <future>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
-// The real viewer program pairs over real sockets and TLS with the host's own store and sessions, and sees a
-// real desktop.
+// Pairing as people do it: the real host and viewer programs, each on its own machine of a tailnet.
 namespace pelorin {
 namespace {
 
-using namespace std::chrono_literals;
+using lab::eventually;
+using nlohmann::json;
 using testing::HasSubstr;
+using testing::Not;
 using testing::SizeIs;
+using Side = lab::Tailnet::Side;
 
 constexpr int refused = 4; // the viewer's exit codes
 constexpr int lost = 6;
 
-// Listens as a host that asks phones to be paired, and takes up a change of its keys after a while.
-class PairingHost {
-public:
-    PairingHost()
-    {
-        platform = makeLinuxPlatform(pool, server.display());
-        std::promise<std::uint16_t> listening;
-        queue->post([&] {
-            takeUpKeys();
-            watch = store.onDidChange(queue, [this] {
-                if (!isFrozen) rebuilt = queue->after(1s, [this] { takeUpKeys(); });
-            });
-            listener = TcpListener::listen(pool, queue, "127.0.0.1", 0).value();
-            listener->onConnection = [this](std::unique_ptr<Channel> connection) {
-                accept(PelorinTLS::serverChannel(std::move(connection), parameters));
-            };
-            listening.set_value(listener->port());
-        });
-        port = listening.get_future().get();
-    }
-
-    ~PairingHost()
-    {
-        std::promise<void> gone;
-        queue->post([&] {
-            watch.cancel();
-            rebuilt.cancel();
-            listener.reset();
-            sessions.clear();
-            gone.set_value();
-        });
-        gone.get_future().wait();
-    }
-
-    std::string offerLink()
-    {
-        const auto offer = store.beginPairing();
-        return PairingLink{"Studio", "127.0.0.1", {}, port, offer.key.identity, offer.key.secret}.url();
-    }
-
-    std::string name() { return platform->system().hostName(); }
-
-    void takeUpKeysNow()
-    {
-        std::promise<void> done;
-        queue->post([&] {
-            takeUpKeys();
-            done.set_value();
-        });
-        done.get_future().wait();
-    }
-
-    std::uint16_t port = 0;
-    std::atomic<bool> isFrozen = false; // the listener keeps its keys
-
-private:
-    void takeUpKeys() { parameters = PelorinTLS::parameters(store.keys()); }
-
-    void accept(std::unique_ptr<Channel> connection)
-    {
-        const QueueRef sessionQueue = pool.makeQueue("dev.pelorin.host.session");
-        auto& session = sessions.emplace_back(
-            sessionQueue, [this, sessionQueue, connection = std::move(connection)]() mutable {
-                return std::make_unique<HostSession>(
-                    SessionSurroundings{*platform, pool, store, std::nullopt}, HostConfig(),
-                    std::move(connection), "me@example.com", sessionQueue);
-            });
-        session.run([](HostSession& starting) { starting.start(); });
-    }
-
-    lab::XServer server;
-    lab::TemporaryFolder folder;
-    std::unique_ptr<HostPlatform> platform; // outlives the pool, whose last tasks still use it
-    QueuePool pool{3};
-    const QueueRef queue = pool.makeQueue("host");
-
-public:
-    PairingStore store{folder.path(), queue};
-
-private:
-    Subscription watch;
-    Subscription rebuilt;
-    std::shared_ptr<const PelorinTLS::ServerParameters> parameters;
-    std::unique_ptr<TcpListener> listener;
-    std::vector<Confined<HostSession>> sessions;
-};
-
 struct Pairing : testing::Test {
-    lab::TemporaryFolder config;
-    PairingHost host;
+    lab::XServer server;
+    lab::Tailnet tailnet;
+    lab::TemporaryFolder folder;
+    std::filesystem::path support = folder.path() / "support";
+    std::filesystem::path hostLog = folder.path() / "host.log";
+    std::filesystem::path pairedHosts = folder.path() / "config" / "Pelorin" / "viewer" / "paired-hosts.json";
+    std::unique_ptr<lab::Process> host;
 
     struct Run {
         int exit;
-        std::string output;
+        std::string output; // both streams
     };
-    Run view(std::vector<std::string> arguments) const
+
+    void SetUp() override
+    {
+        lab::write(support / "host.json", R"({"rendezvous": false})");
+        host = lab::Process::start(tailnet.inside(Side::host,
+                                       {lab::programPath("pelorin-host"), "--headless", "--support-dir",
+                                           support.string(), "--log-dir", folder.path().string()}),
+            {"DISPLAY=" + server.display()}, hostLog.string());
+        ASSERT_TRUE(eventually([&] { return status()["listening"] == "100.101.102.1:7420"; }))
+            << lab::contentOf(hostLog);
+        ASSERT_TRUE(eventually([&] { return !status()["allowedLogins"].empty(); }));
+    }
+
+    Run control(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), lab::programPath("pelorin-host"));
+        arguments.insert(arguments.end(), {"--support-dir", support.string()});
+        return run(arguments);
+    }
+    json status() const // empty while there is no host
+    {
+        const auto reply = control({"status", "--json"});
+        return reply.exit == 0 ? json::parse(reply.output) : json::object();
+    }
+    json devices() const { return json::parse(control({"devices", "--json"}).output)["devices"]; }
+    std::string offerLink() const
+    {
+        return json::parse(control({"pair", "--json"}).output)["link"].get<std::string>();
+    }
+
+    std::vector<std::string> viewer(std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.begin(), lab::programPath("pelorin-viewer"));
-        const lab::TemporaryFolder folder;
-        const auto output = folder.path() / "output";
-        const auto program
-            = lab::Process::start(arguments, {"XDG_CONFIG_HOME=" + config.path().string()}, output.string());
+        return tailnet.inside(Side::phone, std::move(arguments));
+    }
+    Run view(std::vector<std::string> arguments) const { return run(viewer(std::move(arguments))); }
+    Run show(const std::string& target) const { return view({target, "--headless", "--frames", "1"}); }
+
+    Run run(const std::vector<std::string>& command) const
+    {
+        const lab::TemporaryFolder own;
+        const auto output = own.path() / "output";
+        const auto program = lab::Process::start(
+            command, {"XDG_CONFIG_HOME=" + (folder.path() / "config").string()}, output.string());
         const int exit = program->waitForExit(60'000);
         return {exit, lab::contentOf(output)};
     }
-    Run show(const std::string& target) const { return view({target, "--headless", "--frames", "1"}); }
 };
 
-TEST_F(Pairing, letsAViewerInFromTheLinkOnAndByNameLater)
+TEST_F(Pairing, showsTheDesktopFromTheLinkOnAndByNameLater)
 {
-    const auto first = show(host.offerLink());
-    EXPECT_EQ(first.exit, 0) << first.output;
-    EXPECT_THAT(first.output,
-        HasSubstr("Paired with " + host.name() + ". From now on: pelorin-viewer '" + host.name() + "'"));
-    const auto devices = host.store.devices();
-    ASSERT_THAT(devices, SizeIs(1));
+    const auto code = folder.path() / "code.png";
+    const auto paired = control({"pair", "--png", code.string()});
+    ASSERT_EQ(paired.exit, 0) << paired.output;
+    EXPECT_THAT(paired.output, HasSubstr("用 iPhone 相机或 Pelorin 扫码配对，5 分钟内有效，只能用一次\n"));
+    std::string link
+        = lab::outputOf({"zbarimg", "--nodbus", "--quiet", "--raw", "-Sdisable", "-Sqrcode.enable", code});
+    link.erase(link.find_last_not_of('\n') + 1);
+    EXPECT_THAT(paired.output, HasSubstr("\n" + link + "\n"));
+    const auto parsed = PairingLink::parse(link);
+    ASSERT_TRUE(parsed) << link;
+    EXPECT_EQ(parsed->address, "100.101.102.1");
+    EXPECT_EQ(parsed->port, 7420);
+    EXPECT_EQ(parsed->dnsName.value_or("").find(lab::Tailnet::nodeName(Side::host)), 0u);
+    EXPECT_GT(status()["pairing"]["pending"]["expiresInSeconds"], 240);
 
-    const auto file = config.path() / "Pelorin" / "viewer" / "paired-hosts.json";
-    struct stat status = {};
-    ASSERT_EQ(::stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-    std::string capitals = host.name();
-    std::ranges::transform(capitals, capitals.begin(), ::toupper);
-    const auto again = show(capitals);
-    EXPECT_EQ(again.exit, 0) << again.output;
+    const auto first = show(link);
+    EXPECT_EQ(first.exit, 0) << first.output << lab::contentOf(hostLog);
+    EXPECT_THAT(first.output, HasSubstr("Paired with " + parsed->hostName));
+    EXPECT_EQ(status()["pairing"], (json{{"required", true}, {"pending", nullptr}, {"devices", 1}}));
+    const auto byName = show(parsed->hostName);
+    EXPECT_EQ(byName.exit, 0) << byName.output;
+    ASSERT_THAT(devices(), SizeIs(1));
 
+    struct stat files[2] = {};
+    ASSERT_EQ(::stat(pairedHosts.c_str(), &files[0]), 0);
+    ASSERT_EQ(::stat((support / "paired-devices.json").c_str(), &files[1]), 0);
+    for (const auto& file : files) EXPECT_EQ(file.st_mode & 0777, 0600u);
     const auto listed = view({"--list", "--json"});
-    const auto hosts = nlohmann::json::parse(listed.output)["hosts"];
+    const auto hosts = json::parse(listed.output)["hosts"];
     ASSERT_THAT(hosts, SizeIs(1));
-    EXPECT_EQ(hosts[0]["deviceID"], devices[0].id);
-    EXPECT_EQ(hosts[0]["port"], host.port);
-    EXPECT_FALSE(hosts[0].contains("key"));
+    EXPECT_EQ(hosts[0]["deviceID"], devices()[0]["id"]);
+    const auto kept = json::parse(lab::contentOf(pairedHosts))[0]["key"].get<std::string>();
+    for (const std::string& text : {listed.output, lab::contentOf(hostLog), control({"devices"}).output,
+             control({"status", "--json"}).output, lab::contentOf(folder.path() / "connections.log")})
+        EXPECT_THAT(text, Not(HasSubstr(kept)));
 
     EXPECT_EQ(view({"--forget", "attic"}).exit, 2);
-    EXPECT_EQ(view({"--forget", host.name()}).exit, 0);
-    EXPECT_EQ(show(host.name()).exit, 2);
+    EXPECT_EQ(view({"--forget", parsed->hostName}).exit, 0);
+    EXPECT_EQ(show(parsed->hostName).exit, 2);
     EXPECT_EQ(view({"--list"}).output, "paired with no host\n");
 }
 
-TEST_F(Pairing, passesOnTheHostsWordsAboutALinkThatSomebodyElseUsed)
+TEST_F(Pairing, letsALinkInOnce)
 {
-    host.isFrozen = true; // it goes on listening with the link's key
-    const auto link = PairingLink::parse(host.offerLink());
-    host.takeUpKeysNow();
-    ASSERT_TRUE(host.store.redeem(link->pairingID, "somebody else"));
-    const auto late = show(link->url());
-    EXPECT_EQ(late.exit, refused);
-    EXPECT_THAT(
-        late.output, HasSubstr("配对码已过期或已经用过。请在 Mac 菜单里重新点「配对新手机」再扫一次"));
-    EXPECT_THAT(host.store.devices(), SizeIs(1));
-    EXPECT_EQ(view({"--list"}).output, "paired with no host\n");
+    const std::string replaced = offerLink();
+    const std::string link = offerLink();
+    ASSERT_EQ(show(link).exit, 0) << lab::contentOf(hostLog);
+    const std::string before = lab::contentOf(pairedHosts);
+    const auto again = show(link);
+    EXPECT_EQ(again.exit, refused);
+    EXPECT_THAT(again.output, HasSubstr("the host does not know this pairing link"));
+    EXPECT_EQ(lab::contentOf(pairedHosts), before) << "and keeps what the link brought the first time";
+    EXPECT_THAT(devices(), SizeIs(1));
+    EXPECT_THAT(lab::contentOf(folder.path() / "connections.log"), HasSubstr("rejected janes-phone: "));
 }
 
-TEST_F(Pairing, shutsOutARemovedViewerAndPlainOnes)
+TEST_F(Pairing, shutsOutARemovedViewerInTheMiddleOfItsSession)
 {
-    ASSERT_EQ(show(host.offerLink()).exit, 0);
-    ASSERT_EQ(show(host.name()).exit, 0);
-    host.store.remove(host.store.devices()[0].id);
-    host.takeUpKeysNow();
-    const auto removed = show(host.name());
-    EXPECT_EQ(removed.exit, refused);
-    EXPECT_THAT(removed.output, HasSubstr("the host does not know this device, or no longer"));
+    const std::string link = offerLink();
+    const std::string name = PairingLink::parse(link)->hostName;
+    const auto output = folder.path() / "viewer.log";
+    const auto session = lab::Process::start(viewer({link, "--headless", "--seconds", "60"}),
+        {"XDG_CONFIG_HOME=" + (folder.path() / "config").string()}, output.string());
+    ASSERT_TRUE(eventually([&] { return status()["session"].is_object(); })) << lab::contentOf(output);
+    const std::string id = devices()[0]["id"];
+    EXPECT_EQ(control({"remove", "dev-0000000000000000"}).exit, 1);
+    EXPECT_EQ(control({"remove", id}).exit, 0);
+    EXPECT_EQ(session->waitForExit(20'000), refused);
+    EXPECT_THAT(lab::contentOf(output), HasSubstr("请重新配对"));
+    const auto later = show(name);
+    EXPECT_EQ(later.exit, refused);
+    EXPECT_THAT(later.output, HasSubstr("the host does not know this device, or no longer"));
 
-    const auto plain = show("127.0.0.1:" + std::to_string(host.port));
+    const auto plain = show("100.101.102.1:7420");
     EXPECT_EQ(plain.exit, lost);
     EXPECT_THAT(plain.output,
         HasSubstr("perhaps this host talks to paired phones only: then run `pelorin-host pair`"));

@@ -276,14 +276,14 @@ TEST_F(ViewerTest, isPatientWithAHostThatHasJustPairedIt)
         run([&] {
             viewer.emplace(queue, decodeQueue, options, std::vector<ScriptStep>{});
             viewer->onFinished = [this](ViewerResult end) { result = std::move(end); };
-            viewer->start(connectSecurely, 10s);
+            viewer->start(connectSecurely, 6s);
         });
         queues.advance(4s);
         EXPECT_FALSE(result);
         if (isLearnt) hostKeys = {key};
-        queues.advance(1s);
+        queues.advance(2s);
         if (isLearnt) hostSays(message::HelloAck{protocolVersion, "Test host"});
-        queues.advance(6s);
+        queues.advance(2s);
         ASSERT_TRUE(result);
         EXPECT_EQ(result->exit, isLearnt ? ViewerExit::fine : ViewerExit::refused) << result->message;
         EXPECT_EQ(result->message.find("does not know this device") != std::string::npos, !isLearnt);
