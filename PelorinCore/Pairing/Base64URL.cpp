@@ -46,7 +46,8 @@ std::optional<Bytes> decode(std::string_view digits, const Alphabet& alphabet)
         const std::uint8_t value = alphabet.values[static_cast<std::uint8_t>(digit)];
         if (value == Alphabet::invalid) return std::nullopt;
         buffer = buffer << 6 | value;
-        if ((pending += 6) >= 8) bytes.push_back(static_cast<std::uint8_t>(buffer >> (pending -= 8)));
+        for (pending += 6; pending >= 8;)
+            bytes.push_back(static_cast<std::uint8_t>(buffer >> (pending -= 8)));
     }
     const bool isWhole = pending < 6 && (buffer & ((1U << pending) - 1)) == 0;
     if (!isWhole) return std::nullopt;

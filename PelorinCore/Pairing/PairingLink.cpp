@@ -89,7 +89,7 @@ std::optional<std::string> valueOf(std::string_view name, std::string_view query
     return std::nullopt;
 }
 
-std::optional<std::uint16_t> portFrom(std::string_view text)
+std::optional<std::uint16_t> portFrom(const std::string& text)
 {
     std::uint16_t port = 0;
     const char* const end = text.data() + text.size();

@@ -12,6 +12,7 @@ using Step = TlsEngine::Step;
 
 constexpr auto handshakeTimeout = std::chrono::seconds(10);
 constexpr auto finishTimeout = std::chrono::seconds(1);
+constexpr std::size_t recordSize = 16'384; // of plaintext, at most
 
 class TlsChannel;
 
@@ -160,7 +161,7 @@ void TlsLink::handshakeFailed(HandshakeFailure kind, const std::string& text)
 
 void TlsLink::deliver()
 {
-    std::array<std::uint8_t, 16 * 1024> buffer; // a record's worth
+    std::array<std::uint8_t, recordSize> buffer;
     while (channel) {
         const auto [step, bytes] = engine.read(buffer);
         flush();
@@ -212,6 +213,7 @@ void TlsLink::finish()
     channel = nullptr;
     if (isSecured || waiting.empty()) return endSending();
     std::vector<Task> dropped;
+    dropped.reserve(waiting.size());
     for (auto& entry : waiting) dropped.push_back(std::exchange(entry.onSent, nullptr));
     queue->postAfter(finishTimeout, [self = shared_from_this()] { self->close(); });
 }

@@ -45,7 +45,12 @@ bool save(const std::filesystem::path& file, const SigningKey& key)
 
 std::string SoftwareIdentity::Stored::json() const
 {
-    return fmt::format("{{\"privateKey\":\"{}\"}}", base64EncodedString(privateKey.view()));
+    std::string encoded = base64EncodedString(privateKey.view());
+    std::string text;
+    text.reserve(encoded.size() + 32); // no growth leaves a copy behind
+    text.append(R"({"privateKey":")").append(encoded).append(R"("})");
+    wipe(encoded);
+    return text;
 }
 
 std::optional<SoftwareIdentity::Stored> SoftwareIdentity::Stored::parse(std::string_view text)
