@@ -324,6 +324,7 @@ void HostServer::sessionClosed(
     if (waiting.empty()) return;
     const Record& record = waiting.mapped();
     if (tlsFailed) return handshakeFailed(record, reason);
+    if (kind == EndKind::paired) return writeConnectionLog(reason.value_or("paired"));
     waitingEnded(record, reason.value_or("closed"));
     if (kind == EndKind::dropped) penalize(record.source, SourcePenalties::Offence::noHello);
 }

@@ -12,6 +12,10 @@ namespace {
 // What a caller hears before the first answer of Tailscale's.
 constexpr const char* unknownSelf = "未确定（经 Tailscale 的连接会被拒绝）";
 
+// The login of all devices that belong to a tag instead of a person. On a tagged machine it is our own as
+// well, and would open the desktop to every other one.
+constexpr const char* everyTaggedDevice = "tagged-devices";
+
 std::string nameOf(const TailscaleWhois& whois)
 {
     return asLabel(whois.nodeName.empty() ? whois.loginName : whois.nodeName);
@@ -59,9 +63,9 @@ void TailnetAdmission::learntOwn(const Result<TailscaleWhois, TailscaleCLIError>
             "whois for this Mac failed, so every connection is refused until it works: " + ownWhoisFailure);
     }
     ownLoginName = answer->loginName;
-    policy.allowedLoginNames = {*ownLoginName};
-    policy.allowedLoginNames.insert(
-        policy.allowedLoginNames.end(), configuredLoginNames.begin(), configuredLoginNames.end());
+    policy.allowedLoginNames = configuredLoginNames;
+    if (ownLoginName != everyTaggedDevice)
+        policy.allowedLoginNames.insert(policy.allowedLoginNames.begin(), *ownLoginName);
     log.info("allowed logins: {}", fmt::join(policy.allowedLoginNames, ", "));
     nameQuestion = tailscale.ownDNSName([this](Result<std::optional<std::string>, TailscaleCLIError> name) {
         if (name) dnsName = std::move(*name);

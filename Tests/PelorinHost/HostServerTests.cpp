@@ -213,6 +213,15 @@ TEST_F(TailnetServerTest, admitsNobodyBeforeItKnowsWhoseMachineItIs)
     EXPECT_THAT(events, testing::Contains("logins me@example.com,friend@example.com"));
 }
 
+TEST_F(TailnetServerTest, takesATaggedMachineForNobodys)
+{
+    config.requirePairing = false;
+    joinAs("tagged-devices");
+    const auto other = call(std::nullopt);
+    answer("tagged-devices", "web-server");
+    EXPECT_EQ(other->last<message::Error>().message, "tagged-devices（web-server） 不在允许列表");
+}
+
 TEST_F(TailnetServerTest, admitsByWhoisAndSaysWhyNot)
 {
     config.requirePairing = false; // so that the words show
@@ -250,6 +259,7 @@ TEST_F(TailnetServerTest, servesPairedPhonesAndTellsTheRestNothing)
     joinAs("me@example.com");
     const auto key = pair("my phone");
     ASSERT_EQ(pairing.devices().size(), 1u);
+    EXPECT_EQ(connectionLog.back(), "paired my phone as " + key.identity);
     EXPECT_EQ(server->status().dnsName, "desk.ts.net");
 
     const auto phone = call(key);
