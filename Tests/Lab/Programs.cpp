@@ -32,13 +32,26 @@ HostProgram::HostProgram(
     const std::string& display, const std::string& settings, std::vector<std::string> environment)
     : listenPort(freePort())
 {
-    write(support() / "host.json",
-        "{\"allowLoopbackForTesting\": true, \"rendezvous\": false, \"port\": " + std::to_string(listenPort)
-            + (settings.empty() ? "" : ", " + settings) + "}");
     environment.push_back("DISPLAY=" + display);
-    running = Process::start({programPath("pelorin-host"), "--headless", "--support-dir", support().string(),
-                                 "--log-dir", folder.path().string()},
+    const std::string separator = settings.empty() ? "" : ", ";
+    running = Process::start(command("\"allowLoopbackForTesting\": true" + separator + settings),
         std::move(environment), (folder.path() / "host.log").string());
+}
+
+HostProgram::HostProgram(const Tailnet& tailnet, const std::string& display, const std::string& settings)
+    : listenPort(7420)
+{
+    running = Process::start(tailnet.inside(Tailnet::Side::host, command(settings)), {"DISPLAY=" + display},
+        (folder.path() / "host.log").string());
+}
+
+std::vector<std::string> HostProgram::command(const std::string& settings) const
+{
+    write(support() / "host.json",
+        "{\"rendezvous\": false, \"port\": " + std::to_string(listenPort)
+            + (settings.empty() ? "" : ", " + settings) + "}");
+    return {programPath("pelorin-host"), "--headless", "--support-dir", support().string(), "--log-dir",
+        folder.path().string()};
 }
 
 std::string HostProgram::control(std::vector<std::string> arguments) const

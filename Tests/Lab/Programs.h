@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Tests/Lab/Files.h"
+#include "Tests/Lab/Tailnet.h"
 #include "Tests/Lab/XServer.h"
 
 #include <cstdint>
@@ -12,12 +13,13 @@ std::string programPath(const char* name); // of a program of this build
 
 std::uint16_t freePort(); // on 127.0.0.1, free a moment ago
 
-// The real host program with a support folder of its own, in test mode on a free port.
+// The real host program with a support folder of its own, in test mode on a free port, or in a tailnet.
 class HostProgram {
 public:
     // settings: JSON members added to host.json, such as R"("idleTimeoutMinutes": 0.02)".
     explicit HostProgram(const std::string& display, const std::string& settings = {},
         std::vector<std::string> environment = {}); // "NAME=value" added to ours
+    HostProgram(const Tailnet& tailnet, const std::string& display, const std::string& settings = {});
 
     std::uint16_t port() const { return listenPort; }
     std::string address() const { return "127.0.0.1:" + std::to_string(listenPort); }
@@ -32,6 +34,8 @@ public:
     bool waitForConnectionLog(const std::string& text) const;
 
 private:
+    std::vector<std::string> command(const std::string& settings) const; // writes the settings
+
     TemporaryFolder folder;
     std::uint16_t listenPort;
     std::unique_ptr<Process> running;
