@@ -3,8 +3,8 @@
 namespace pelorin {
 
 // Lets encoded frames through to the transport: every keyframe, and of the rest two in flight and none before
-// the keyframe it would need. What a slow phone costs is dropped frames. Also holds requests for keyframes together, so that no
-// phone can have them made faster than they are encoded and sent.
+// the keyframe it would need. What a slow phone costs is dropped frames. Also holds requests for keyframes
+// together, so that no phone can have them made faster than they are encoded and sent.
 class VideoGate {
 public:
     enum class Verdict { send, drop, dropAndRequestKeyframe };
