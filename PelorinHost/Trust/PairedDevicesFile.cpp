@@ -2,7 +2,6 @@
 
 #include "PelorinCore/Label.h"
 #include "PelorinCore/Pairing/Base64URL.h"
-#include "PelorinNet/Files/SecretJSON.h"
 
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -18,7 +17,7 @@ using Seconds = std::chrono::duration<double>;
 constexpr std::size_t maxFileBytes = 1 << 20; // several times what the most devices take
 constexpr std::size_t keyBytes = 32;
 constexpr std::size_t publicKeyBytes = 65;
-constexpr double farthestSecond = 1e10; // three centuries from 2001; beyond lies what a clock can't hold
+constexpr double farthestSecond = 8e9; // from 2001; nanoseconds in 64 bits hold 292 years from 1970
 
 constexpr std::chrono::sys_days epoch = std::chrono::year(2001) / 1 / 1;
 
@@ -74,11 +73,8 @@ void removeLeftOvers(const std::filesystem::path& file)
 
 } // namespace
 
-Result<std::vector<Device>, std::string> PairedDevicesFile::read(const std::filesystem::path& file)
+Result<std::vector<Device>, std::string> PairedDevicesFile::decode(const SecretJSON& document)
 {
-    std::error_code ignored;
-    if (!std::filesystem::exists(file, ignored)) return {};
-    const auto document = SecretJSON::read(file, maxFileBytes);
     const json& list = *document;
     if (!list.is_array()) return std::unexpected("it can't be read as a list of devices");
     if (list.size() > PairingStore::maxDevices) return std::unexpected("it lists too many devices");
@@ -93,13 +89,25 @@ Result<std::vector<Device>, std::string> PairedDevicesFile::read(const std::file
     return devices;
 }
 
-bool PairedDevicesFile::write(const std::filesystem::path& file, const std::vector<Device>& devices)
+SecretJSON PairedDevicesFile::encode(const std::vector<Device>& devices)
 {
-    removeLeftOvers(file);
     SecretJSON document;
     *document = json::array();
     for (const Device& device : devices) (*document).push_back(toJSON(device));
-    return document.write(file);
+    return document;
+}
+
+Result<std::vector<Device>, std::string> PairedDevicesFile::read(const std::filesystem::path& file)
+{
+    std::error_code ignored;
+    if (!std::filesystem::exists(file, ignored)) return {};
+    return decode(SecretJSON::read(file, maxFileBytes));
+}
+
+bool PairedDevicesFile::write(const std::filesystem::path& file, const std::vector<Device>& devices)
+{
+    removeLeftOvers(file);
+    return encode(devices).write(file);
 }
 
 } // namespace pelorin

@@ -41,15 +41,21 @@ SecretJSON::~SecretJSON()
     if (content) wipeTexts(*content);
 }
 
-SecretJSON SecretJSON::read(const std::filesystem::path& path, std::size_t maxBytes)
+SecretJSON SecretJSON::parse(std::string_view text)
 {
     SecretJSON document;
-    auto text = readWholeFile(path, maxBytes);
-    if (!text) return document;
     const auto keepShallow = [](int depth, json::parse_event_t, json&) { return depth < maxDepth; };
-    *document = json::parse(*text, keepShallow, false);
-    wipe(*text);
+    *document = json::parse(text, keepShallow, false);
     if ((*document).is_discarded()) *document = nullptr;
+    return document;
+}
+
+SecretJSON SecretJSON::read(const std::filesystem::path& path, std::size_t maxBytes)
+{
+    auto text = readWholeFile(path, maxBytes);
+    if (!text) return {};
+    SecretJSON document = parse(*text);
+    wipe(*text);
     return document;
 }
 

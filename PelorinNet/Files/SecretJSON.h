@@ -4,6 +4,7 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 
 namespace pelorin {
 
@@ -19,8 +20,9 @@ public:
     nlohmann::json& operator*() { return *content; }
     const nlohmann::json& operator*() const { return *content; }
 
-    // Null when there is no such file, or it is longer than maxBytes or no JSON; what lies deeper than a list
-    // of flat objects is left out.
+    // Null when text is no JSON; what lies deeper than a list of flat objects is left out.
+    static SecretJSON parse(std::string_view text);
+    // The same for a file; null, too, when there is none or it is longer than maxBytes.
     static SecretJSON read(const std::filesystem::path& path, std::size_t maxBytes);
     // Indented, as writeFileAtomically writes.
     bool write(const std::filesystem::path& path) const;

@@ -294,6 +294,7 @@ TEST_F(PairingStoreTest, trustsNoFileThatItCouldNotHaveWritten)
         {"a null public key", "[" + record(id, R"("pairedAt":1,"key":"","publicKey":null)") + "]", 0},
         {"a date as text", "[" + record(id, R"("pairedAt":"2024","key":")" + key + '"') + "]", 0},
         {"a date beyond all clocks", "[" + record(id, R"("pairedAt":1e300,"key":")" + key + '"') + "]", 0},
+        {"a date beyond our clock", "[" + record(id, R"("pairedAt":9e9,"key":")" + key + '"') + "]", 0},
         {"the identity of a pairing key",
             "[" + record("pair-0123456789abcdef", R"("pairedAt":1,"key":")" + key + '"') + "]", 0},
         {"deeply nested", std::string(100'000, '['), 0},
