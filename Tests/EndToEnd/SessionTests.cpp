@@ -283,7 +283,8 @@ TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
     ASSERT_TRUE(hasDropped(30)) << host.control({"status", "--json"});
     const auto memoryBefore = host.process().residentKiB(); // every buffer has its size by now
     ASSERT_TRUE(hasDropped(200));
-    EXPECT_LT(host.process().residentKiB(), memoryBefore + 8 * 1024);
+    // Far less than the pictures that were dropped, and enough for the trial of an encoder on the side.
+    EXPECT_LT(host.process().residentKiB(), memoryBefore + 32 * 1024);
 
     // Then every answer still comes, in order.
     for (std::uint32_t i = 1; i <= pings; ++i) {
