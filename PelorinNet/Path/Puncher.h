@@ -1,0 +1,41 @@
+#pragma once
+
+#include "PelorinNet/Path/Candidate.h"
+#include "PelorinNet/Path/ConnectivityCheck.h"
+#include "PelorinNet/Path/DatagramProxy.h"
+
+#include <unordered_map>
+
+namespace pelorin {
+
+// Checks the peer's addresses, all of them every 50 ms, until one answers, and answers the peer's checks. The
+// packets open the way through the NATs at both ends. Path queue; owned by PathSetup.
+class Puncher {
+public:
+    using MayCheck = std::function<bool(const SocketAddress&)>;
+
+    Puncher(DatagramProxy& newProxy, QueueRef newQueue, MayCheck newMayCheck);
+
+    const PathCredentials local = PathCredentials::random(); // localUfrag, localPassword
+    std::optional<PathCredentials>
+        remote; // remoteUfrag, remotePassword: nothing is checked or answered before
+    std::function<void(const Candidate&)> onSelected; // once for each start
+
+    // Looks for the first of targets, and of those that the peer's own checks reveal ("prflx"), that answers;
+    // completion gets it, or nothing when deadline passes or stop comes first. A start while one runs takes
+    // its place and keeps what the peer revealed.
+    void start(std::vector<Candidate> targets, SteadyTime deadline,
+        std::function<void(std::optional<Candidate>)> completion);
+    // One more address to check; at once, when a search runs. Known ones are ignored, and there are never
+    // more than 32.
+    void add(const Candidate& target);
+    void stop();
+    // Every STUN datagram on the network socket that no server sent. Answers go on after a selection.
+    void handle(ByteView datagram, const SocketAddress& source);
+
+    const std::optional<Candidate>& selected() const;
+    int checksSent() const;
+    int checksAnswered() const;
+};
+
+} // namespace pelorin
