@@ -42,6 +42,9 @@ public:
     std::function<void(ByteView, const Path&)> onRelayedStun;
     std::function<void(const SocketAddress& peer)> onUnreachable; // from the network socket
 
+    // QUIC's datagrams come over another path than the last one did: the peer has changed its choice.
+    std::function<void(const Path&)> onArrivalPathChange;
+
     std::optional<Path> path; // none: what QUIC sends is dropped
     std::unordered_set<SocketAddress> validatedPeers; // direct peers from whom QUIC may hear
     std::optional<SocketAddress> quicEndpoint; // else the source of the first datagram on the local socket

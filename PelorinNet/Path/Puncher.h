@@ -21,6 +21,9 @@ public:
         remote; // remoteUfrag, remotePassword: nothing is checked or answered before
     std::function<void(const Candidate&)> onSelected; // once for each start
 
+    // A check of the peer's arrived from there and was answered; whether or not a search runs.
+    std::function<void(const SocketAddress& source)> onPeerCheck;
+
     // Looks for the first of targets, and of those that the peer's own checks reveal ("prflx"), that answers;
     // completion gets it, or nothing when deadline passes or stop comes first. A start while one runs takes
     // its place and keeps what the peer revealed.
