@@ -1,22 +1,13 @@
 #pragma once
 
-#include "PelorinNet/Path/Candidate.h"
-#include "PelorinNet/Path/DatagramProxy.h"
-#include "PelorinNet/Path/TurnClient.h"
+#include "PelorinNet/Path/PathFilter.h"
+#include "PelorinNet/Path/PathLinks.h"
+#include "PelorinNet/Path/Puncher.h"
+#include "PelorinNet/Path/Relay.h"
+#include "PelorinNet/Path/StunBinder.h"
 #include "PelorinNet/Rendezvous/SignalPipe.h"
 
 namespace pelorin {
-
-// The servers that help two ends find each other, by name or address.
-struct PathServers {
-    struct Server {
-        std::string host;
-        std::uint16_t port = 3478;
-        bool operator==(const Server&) const = default;
-    };
-    std::vector<Server> stun; // the first answers "how do you see me"
-    std::vector<Server> turn; // the first is the primary relay, the next the backup; one alone serves as both
-};
 
 // What one end tells the other about itself.
 struct PathDescription {
@@ -37,19 +28,16 @@ public:
             breakAfter; // PELORIN_TEST_BREAK_AFTER: then the relay in use goes deaf
         static Switches fromEnvironment();
     };
-    // The addresses behind a server's name, on the queue that asked; empty when there is none.
-    using Lookup = std::function<void(
-        const PathServers::Server&, QueueRef, std::function<void(std::vector<SocketAddress>)>)>;
     using Completion = std::function<void(Result<std::string, NetError>)>;
 
-    PathSetup(QueueRef pathQueue, PathServers servers, Lookup lookup, Switches switches);
+    PathSetup(QueueRef pathQueue, PathServers servers, PathServers::Lookup lookup, Switches switches);
     ~PathSetup(); // closes the path and gives relays back
 
     // Opens the sockets and begins to ask for our reflexive address.
     Result<void, NetError> open();
     // Calls done when that is known or refused, or after atMost.
     void gather(Duration atMost, Task done);
-    // What the peer must be told before start; what turns up later goes through the pipe.
+    // What the peer must be told before its start; what turns up later goes through the pipe.
     PathDescription local();
     // Looks for a path to remote, with relays if there are credentials. completion gets the path's label
     // within 15 s, or why there is none.
@@ -70,8 +58,63 @@ public:
     std::string statistics() const; // one line for the log
 
 private:
-    struct State;
-    std::unique_ptr<State> state;
+    void learnReflexive();
+    void askReflexive(const SocketAddress& server);
+    void reflexiveKnown(const Result<SocketAddress, NetError>& address);
+    void announce(const Candidate& candidate);
+
+    void listen();
+    void listenForCandidates();
+    void listenFor(const std::string& key, std::function<void(const nlohmann::json&)> act);
+    void learnRemote(const nlohmann::json& candidates);
+    void add(const Candidate& remote);
+    void addRelayCandidate(const Candidate& remote);
+    void reachThroughRelays(const Candidate& remote);
+
+    void startRelay(const PathServers::Server& server, std::string candidateType);
+    void startBackup();
+    void channelOpened(Relay& relay, TurnClient& turn, std::uint16_t channel, const SocketAddress& peer);
+
+    void punch();
+    void punched(const Candidate& peer);
+    void peerChecked(const SocketAddress& source);
+    void receive(ByteView datagram, const SocketAddress& source);
+    void receiveRelayed(ByteView datagram, const DatagramProxy::Path& over);
+
+    void chosen(const PathLink& link);
+    void chosenFell(const PathLink& link);
+    void finish(Result<std::string, NetError> result);
+    void breakRelay();
+
+    const QueueRef queue;
+    const PathServers servers;
+    const PathServers::Lookup lookup;
+    const Switches switches;
+
+    std::unique_ptr<DatagramProxy> proxy; // none before open
+    std::unique_ptr<StunBinder> binder;
+    std::unique_ptr<Puncher> puncher;
+    std::unique_ptr<PathLinks> links;
+    PathFilter filter;
+    std::vector<SocketAddress> stunServers;
+    std::vector<Candidate> localCandidates; // in the order they became known
+    bool isReflexiveSettled = false; // known or refused
+    Task onGathered; // until then
+    Subscription gathering;
+
+    // From start on.
+    std::vector<Candidate> remoteCandidates;
+    std::optional<TurnCredentials> credentials;
+    SignalPipe pipe;
+    Completion completion; // until called
+    std::vector<std::unique_ptr<Relay>> relays; // the primary one, then the backup
+    Subscription deadline; // for a first path
+    Subscription backupTimer;
+    Subscription punchTimer; // the next search for a direct path
+    int searches = 0; // since there was last a direct path
+    Subscription breakTimer;
+    Log log{"path"};
+    Lifetime lifetime;
 };
 
 } // namespace pelorin

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinCore/Result.h"
 #include "PelorinNet/NetError.h"
 #include "PelorinNet/Queue/SerialQueue.h"
 

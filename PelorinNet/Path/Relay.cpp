@@ -1,0 +1,153 @@
+#include "PelorinNet/Path/Relay.h"
+
+#include "PelorinNet/Stun/ChannelData.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t maxPeers = 16;
+
+// Permissions last 300 s, channels and allocations 600 (RFC 8656, 3.2, 9, 12). Binding a channel anew renews
+// its permission, and what failed is tried twice more before that lapses.
+constexpr Duration renewalPeriod = 240s;
+constexpr Duration rebindDelay = 15s;
+
+constexpr Duration firstRetry = 1s;
+constexpr Duration lastRetry = 60s;
+
+} // namespace
+
+Relay::Relay(DatagramProxy& newProxy, QueueRef newQueue, PathServers::Lookup newLookup,
+    PathServers::Server newServer, TurnCredentials newCredentials, std::string newCandidateType)
+    : proxy(newProxy),
+      queue(std::move(newQueue)),
+      lookup(std::move(newLookup)),
+      server(std::move(newServer)),
+      credentials(std::move(newCredentials)),
+      candidateType(std::move(newCandidateType))
+{
+}
+
+Relay::~Relay()
+{
+    if (turn) proxy.remove(*turn);
+}
+
+void Relay::start()
+{
+    queue->assertCurrent();
+    look();
+}
+
+void Relay::look()
+{
+    lookup(server, queue, [this, alive = lifetime.watch()](std::vector<SocketAddress> addresses) {
+        if (alive) allocate(std::move(addresses));
+    });
+}
+
+void Relay::allocate(std::vector<SocketAddress> addresses)
+{
+    if (addresses.empty()) return failed("its name has no address");
+    auto socket = UDPSocket::open("0.0.0.0", 0, queue);
+    if (!socket) return failed(socket.error().description);
+    if (onServerKnown) onServerKnown(addresses);
+    turn = std::make_unique<TurnClient>(std::move(*socket), std::move(addresses), credentials, queue);
+    turn->onUnreachable = [this](int) {
+        // While it looks for its server, an address without one is no news.
+        if (turn->relayed() && onUnreachable) onUnreachable(*turn);
+    };
+    turn->allocate([this](const Result<SocketAddress, NetError>& relayed) {
+        if (relayed) return allocated(*relayed);
+        turn.reset();
+        failed(relayed.error().description);
+    });
+}
+
+void Relay::allocated(const SocketAddress& relayed)
+{
+    log.info("relay {}: allocated {}", server.host, relayed.text());
+    failures = 0;
+    isRefreshing = false;
+    proxy.add(*turn);
+    timer = queue->every(renewalPeriod, [this] { renew(); });
+    const auto alive = lifetime.watch();
+    if (onAllocated) onAllocated({relayed, candidateType});
+    if (!alive || !turn) return;
+    for (const SocketAddress& peer : peers) bind(peer);
+}
+
+void Relay::reach(const SocketAddress& peer)
+{
+    queue->assertCurrent();
+    if (std::ranges::find(peers, peer) != peers.end() || peers.size() == maxPeers) return;
+    peers.push_back(peer);
+    if (turn && turn->relayed()) bind(peer);
+}
+
+void Relay::bind(const SocketAddress& peer)
+{
+    const auto place = std::ranges::find(peers, peer) - peers.begin();
+    const auto channel = static_cast<std::uint16_t>(ChannelData::firstChannel + place);
+    turn->channelBind(peer, channel, [this, peer, channel](const Result<void, NetError>& bound) {
+        if (!bound) {
+            log.info("relay {}: {} for {}", server.host, bound.error().description, peer.text());
+            // One timer for all: those that are bound are only renewed.
+            rebinding = queue->after(rebindDelay, [this] {
+                if (turn)
+                    for (const SocketAddress& each : peers) bind(each);
+            });
+            return;
+        }
+        proxy.openChannel(*turn, channel);
+        if (onChannel) onChannel(*turn, channel, peer);
+    });
+}
+
+void Relay::renew()
+{
+    refresh();
+    for (const SocketAddress& peer : peers) bind(peer);
+}
+
+void Relay::distrust()
+{
+    queue->assertCurrent();
+    if (turn && turn->relayed()) refresh();
+}
+
+void Relay::refresh()
+{
+    if (std::exchange(isRefreshing, true)) return;
+    turn->refresh([this](const Result<void, NetError>& refreshed) {
+        isRefreshing = false;
+        if (!refreshed) lose(refreshed.error().description);
+    });
+}
+
+void Relay::lose(const std::string& why)
+{
+    proxy.remove(*turn);
+    const auto alive = lifetime.watch();
+    if (onLost) onLost(*turn);
+    if (!alive) return;
+    turn.reset();
+    failed(why);
+}
+
+void Relay::failed(const std::string& why)
+{
+    const Duration delay = std::min(lastRetry, firstRetry * (1 << std::min(failures++, 6)));
+    log.info("relay {}: {}; again in {} s", server.host, why,
+        std::chrono::duration_cast<std::chrono::seconds>(delay).count());
+    timer = queue->after(delay, [this] { look(); });
+    rebinding.cancel();
+    if (onFailed) onFailed();
+}
+
+} // namespace pelorin
