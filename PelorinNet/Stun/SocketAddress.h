@@ -24,7 +24,7 @@ public:
     bool isIPv4() const { return length == 4; }
     std::uint16_t port = 0;
 
-    std::string hostText() const; // without the port, as in text()
+    std::string hostText() const; // without port and brackets; parse takes it
     // 192.0.2.7:3478 or [fe80:0:0:0:1:2:3:4]:5000. Runs of zeros are not shortened: signatures cover this
     // form.
     std::string text() const;
