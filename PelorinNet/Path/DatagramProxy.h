@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <unordered_set>
 #include <vector>
 
@@ -50,8 +51,8 @@ public:
     std::optional<SocketAddress> quicEndpoint; // else the source of the first datagram on the local socket
     TurnClient* blockedTurn = nullptr; // drops what goes out through it: for tests of a dying relay
 
-    UDPSocket& network();
-    UDPSocket& local();
+    UDPSocket& network() { return *networkSocket; }
+    UDPSocket& local() { return *localSocket; }
     // Serves a client that has a socket of its own from now on, until it is removed: relayed data on a
     // channel that was opened here goes to QUIC or onRelayedStun, on any other it is dropped.
     void add(TurnClient& turn);
@@ -61,8 +62,40 @@ public:
     // Sends a STUN datagram over that path, as the checks of a path need it.
     void send(ByteView datagram, const Path& over);
 
-    const Counters& counters() const;
+    // Speaks to QUIC from another address of the loopback interface from now on, at the same port: QUIC takes
+    // that for a new path and measures anew how fast it is. False where the system has no such address.
+    bool renewLocal();
+
+    const Counters& counters() const { return count; }
     std::string statistics() const; // one line for the log
+
+    ~DatagramProxy();
+
+private:
+    struct Served {
+        TurnClient* turn = nullptr;
+        std::set<std::uint16_t> channels; // opened
+    };
+
+    DatagramProxy(
+        QueueRef newQueue, std::unique_ptr<UDPSocket> newNetwork, std::unique_ptr<UDPSocket> newLocal);
+    void listenToLocal();
+    void fromLocal(ByteView datagram, const SocketAddress& source);
+    void fromNetwork(ByteView datagram, const SocketAddress& source);
+    void fromRelay(TurnClient& turn, std::uint16_t channel, ByteView payload);
+    void deliver(ByteView datagram, const Path& from);
+    void flushOutward();
+    Served* find(const TurnClient& turn);
+
+    const QueueRef queue;
+    std::unique_ptr<UDPSocket> networkSocket;
+    std::unique_ptr<UDPSocket> localSocket;
+    std::unique_ptr<UDPSocket> formerLocal; // QUIC may still write to it
+    std::uint8_t localHost = 1; // 127.0.0.x
+    std::vector<Served> served;
+    Counters count;
+    std::optional<Path> lastArrival; // of what QUIC got
+    Lifetime lifetime;
 };
 
 } // namespace pelorin
