@@ -22,7 +22,7 @@ Bytes request(
 // The answer to a request that the peer made, as seen from source; nothing when it is not the peer's.
 std::optional<Bytes> answer(ByteView datagram, const SocketAddress& source, const PathCredentials& local,
     const PathCredentials& remote);
-// The transaction of a success that carries an ID and whose integrity verifies with the peer's password.
+// Whether it is an answer of the peer's, to any check: the caller knows the transactions it waits for.
 bool isAnswer(ByteView datagram, const PathCredentials& remote);
 
 } // namespace ConnectivityCheck

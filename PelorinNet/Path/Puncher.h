@@ -4,6 +4,7 @@
 #include "PelorinNet/Path/ConnectivityCheck.h"
 #include "PelorinNet/Path/DatagramProxy.h"
 
+#include <deque>
 #include <unordered_map>
 
 namespace pelorin {
@@ -26,7 +27,8 @@ public:
 
     // Looks for the first of targets, and of those that the peer's own checks reveal ("prflx"), that answers;
     // completion gets it, or nothing when deadline passes or stop comes first. A start while one runs takes
-    // its place and keeps what the peer revealed.
+    // its place, the former completion is never called; each start keeps what the peer revealed. Callbacks
+    // may start anew or destroy the puncher.
     void start(std::vector<Candidate> targets, SteadyTime deadline,
         std::function<void(std::optional<Candidate>)> completion);
     // One more address to check; at once, when a search runs. Known ones are ignored, and there are never
@@ -36,9 +38,35 @@ public:
     // Every STUN datagram on the network socket that no server sent. Answers go on after a selection.
     void handle(ByteView datagram, const SocketAddress& source);
 
-    const std::optional<Candidate>& selected() const;
-    int checksSent() const;
-    int checksAnswered() const;
+    const std::optional<Candidate>& selected() const { return selectedTarget; } // of the latest start
+    int checksSent() const { return sentCount; }
+    int checksAnswered() const { return answeredCount; }
+
+private:
+    using Completion = std::function<void(std::optional<Candidate>)>;
+
+    void checkAll();
+    void check(const SocketAddress& target);
+    void handleAnswer(ByteView datagram, const StunMessage::TransactionID& id, const SocketAddress& source);
+    void answer(ByteView datagram, const SocketAddress& source);
+    void learn(const SocketAddress& source);
+    void select(const SocketAddress& address);
+    void end();
+    const Candidate* find(const SocketAddress& address) const;
+
+    DatagramProxy& proxy;
+    const QueueRef queue;
+    const MayCheck mayCheck;
+    std::vector<Candidate> targets; // in the order received, no address twice
+    std::unordered_map<StunMessage::TransactionID, SocketAddress> outstanding; // checks without an answer
+    std::deque<StunMessage::TransactionID> sentOrder; // of those, and of answered ones
+    std::optional<Candidate> selectedTarget;
+    int sentCount = 0;
+    int answeredCount = 0;
+    Completion completion; // set while a search runs
+    Subscription rounds;
+    Subscription expiry;
+    Lifetime lifetime;
 };
 
 } // namespace pelorin
