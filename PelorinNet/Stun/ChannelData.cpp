@@ -1,5 +1,7 @@
 #include "PelorinNet/Stun/ChannelData.h"
 
+#include <algorithm>
+
 namespace pelorin {
 
 std::array<std::uint8_t, ChannelData::headerSize> ChannelData::header(
@@ -17,12 +19,9 @@ std::size_t ChannelData::padding(std::size_t payloadSize)
 
 Bytes ChannelData::frame(std::uint16_t channel, ByteView payload)
 {
-    const auto head = header(channel, payload.size());
-    Bytes framed;
-    framed.reserve(headerSize + payload.size() + padding(payload.size()));
-    framed.insert(framed.end(), head.begin(), head.end());
-    framed.insert(framed.end(), payload.begin(), payload.end());
-    framed.resize(framed.size() + padding(payload.size()));
+    Bytes framed(headerSize + payload.size() + padding(payload.size()));
+    const auto body = std::ranges::copy(header(channel, payload.size()), framed.begin()).out;
+    std::ranges::copy(payload, body);
     return framed;
 }
 
