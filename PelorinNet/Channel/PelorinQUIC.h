@@ -15,7 +15,8 @@ inline constexpr std::chrono::milliseconds idleTimeout{15'000};
 inline constexpr std::size_t largestDatagram = 1350; // bytes of UDP payload
 
 // Whether to trust the peer with that fingerprint, 32 bytes: KeyFingerprint::of its certificate's key. Called
-// on the queue "dev.pelorin.quic.verify", once a handshake; must not block.
+// on the queue "dev.pelorin.quic.verify", once a handshake, which waits meanwhile and nobody else does. It
+// may be called for a peer that then fails to prove that the key is its own. What it throws refuses.
 using Accept = std::function<bool(const Bytes& fingerprint)>;
 
 // What either end shows, and whom it takes. isServer asks the client for its certificate. Any thread; shared.
@@ -24,19 +25,25 @@ public:
     virtual ~Parameters() = default;
 };
 std::shared_ptr<const Parameters> parameters(
-    std::shared_ptr<const DeviceIdentity> identity, bool isServer, Accept accept);
+    QueueMaker& queues, const DeviceIdentity& identity, bool isServer, Accept accept);
 
 // The key by which a channel's peer has proved itself; nothing before, and of a channel that is not QUIC.
 std::optional<Bytes> peerFingerprint(const Channel& channel);
 
-// One QUIC connection. Queue: the one given when it was made. Destroying it closes the connection; its
-// channels end with an error.
+// One QUIC connection. Queue: the one given when it was made; its channels may be started on any other.
+// Destroying it closes the connection at once and in order; its channels end with an error. A connection
+// lives as long as its owner lets it: keep it until onLastStreamEnd, and what was sent on its channels has
+// arrived.
 class Connection {
 public:
     virtual ~Connection() = default;
 
     std::function<void()> onReady; // the handshake is confirmed: both ends have judged the other
-    std::function<void(std::unique_ptr<Channel>)> onStream; // the peer opened one; not started
+    // The peer opened one; not started. Those opened while nobody listens here wait for who does.
+    std::function<void(std::unique_ptr<Channel>)> onStream;
+    // The last open stream is gone: all channels are finished or closed, and what they sent is acknowledged,
+    // or its second is over. Comes again when others were opened since.
+    std::function<void()> onLastStreamEnd;
     std::function<void(std::optional<NetError>)>
         onClosed; // at most once; no error: closed in order by the peer
 
@@ -44,6 +51,9 @@ public:
     virtual const SocketAddress& remoteAddress() const = 0; // on the loopback interface
     virtual std::optional<Bytes> peerFingerprint() const = 0;
     virtual Duration smoothedRtt() const = 0;
+    // The datagrams take another way from here on, though their addresses stay: what was learnt of the old
+    // one about its speed and its round trip is forgotten.
+    virtual void pathChanged() = 0;
 };
 
 // Accepts QUIC connections on a UDP port of the loopback interface. Queue: the one given.

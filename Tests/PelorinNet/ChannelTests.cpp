@@ -2,6 +2,7 @@
 #include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Channel/TcpChannel.h"
 #include "Tests/PelorinNet/QueueHarness.h"
+#include "Tests/PelorinNet/QuicPeers.h"
 
 #include <algorithm>
 #include <ranges>
@@ -53,6 +54,42 @@ struct TlsOver : Ends {
     }
 };
 
+// Two ends of one QUIC stream, whose connections live on a third queue.
+struct QuicEnds {
+    explicit QuicEnds(PoolHarness& newHarness, const QueueRef&) : harness(&newHarness)
+    {
+        const auto host = makeQuicIdentity("host"), phone = makeQuicIdentity("phone");
+        harness->runOn(home, [&] {
+            const auto acceptAll = [](const Bytes&) { return true; };
+            listener = PelorinQUIC::Listener::listen(
+                home, "127.0.0.1", 0, PelorinQUIC::parameters(harness->pool, *host, true, acceptAll))
+                           .value();
+            listener->onConnection = [this](auto connection) {
+                server = std::move(connection);
+                server->onStream = [this](auto channel) { second = std::move(channel); };
+            };
+            client = PelorinQUIC::connect(home, loopbackAddress(listener->port()),
+                PelorinQUIC::parameters(harness->pool, *phone, false, acceptAll))
+                         .value();
+            first = client->openStream();
+        });
+        EXPECT_TRUE(harness->waitUntil(home, [&] { return second != nullptr; }));
+    }
+    ~QuicEnds()
+    {
+        harness->runOn(home, [&] {
+            client.reset();
+            server.reset();
+            listener.reset();
+        });
+    }
+    PoolHarness* const harness;
+    const QueueRef home = harness->makeQueue("quic");
+    std::unique_ptr<PelorinQUIC::Listener> listener;
+    std::unique_ptr<PelorinQUIC::Connection> client, server;
+    std::unique_ptr<Channel> first, second;
+};
+
 template <class Ends>
 class AnyChannel : public testing::Test {
 protected:
@@ -84,7 +121,8 @@ protected:
     std::optional<std::string> closed; // how the second end was, on far
 };
 
-using Kinds = testing::Types<TcpEnds, LoopbackEnds, TlsOver<TcpEnds>, TlsOver<LoopbackEnds>>;
+using Kinds = testing::Types<TcpEnds, LoopbackEnds, TlsOver<TcpEnds>, TlsOver<LoopbackEnds>, QuicEnds,
+    TlsOver<QuicEnds>>;
 TYPED_TEST_SUITE(AnyChannel, Kinds);
 
 // Bytes that tell their place, so that a lost, doubled or swapped piece shows.
