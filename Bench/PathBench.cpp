@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <benchmark/benchmark.h>
 #include <semaphore>
 #include <sys/socket.h>
@@ -206,6 +207,104 @@ void proxyDelay(benchmark::State& state)
     done.acquire();
 }
 BENCHMARK(proxyDelay)->UseManualTime()->Iterations(1)->Unit(benchmark::kMicrosecond);
+
+// Sends small datagrams to one address, as many a second as are asked for: half of them nothing at all, half
+// checks with a wrong password. On a thread of its own, from many ports.
+class Flood {
+public:
+    Flood(const SocketAddress& to, double perSecond) : thread([this, to, perSecond] { run(to, perSecond); })
+    {
+    }
+    ~Flood()
+    {
+        isEnding = true;
+        thread.join();
+    }
+    std::int64_t sent() const { return sentCount; }
+
+private:
+    void run(const SocketAddress& to, double perSecond)
+    {
+        constexpr std::size_t burst = 64;
+        ManualQueues queues;
+        const QueueRef queue = queues.makeQueue("flood");
+        std::vector<std::unique_ptr<UDPSocket>> sockets;
+        for (int i = 0; i < 16; ++i)
+            sockets.push_back(UDPSocket::open("127.0.0.1", 0, queue, {.merging = false}).value());
+        const Bytes noise(44, 0x40), check = StunMessage{}.serialize(noise);
+        const auto began = std::chrono::steady_clock::now();
+        for (std::size_t round = 0; !isEnding; ++round) {
+            auto& socket = *sockets[round % sockets.size()];
+            for (std::size_t i = 0; i < burst; ++i) socket.enqueue({}, i % 2 ? noise : check, {}, to);
+            socket.flush();
+            sentCount += burst;
+            while (double(sentCount) > secondsSince(began) * perSecond && !isEnding)
+                std::this_thread::sleep_for(50us);
+        }
+    }
+
+    std::atomic<bool> isEnding = false;
+    std::atomic<std::int64_t> sentCount = 0;
+    std::thread thread;
+};
+
+// A session's traffic through the proxy while strangers send 200,000 datagrams a second to it: what of it
+// gets lost, and how long the rest takes. Every datagram that claims to be a check is verified.
+void proxyUnderFlood(benchmark::State& state)
+{
+    QueuePool pool(1);
+    const QueueRef queue = pool.makeQueue("dev.pelorin.path");
+    PlainSocket peer, quic;
+    std::unique_ptr<DatagramProxy> proxy;
+    std::atomic<std::int64_t> strange = 0;
+    std::binary_semaphore done(0);
+    const Bytes key(24, 'k');
+    queue->post([&] {
+        proxy = DatagramProxy::open(queue).value();
+        proxy->quicEndpoint = quic.address;
+        proxy->validatedPeers.insert(peer.address);
+        proxy->onOtherDatagram = [&](ByteView bytes, const SocketAddress&) {
+            ++strange;
+            benchmark::DoNotOptimize(StunMessage::verifyIntegrity(bytes, key));
+        };
+        done.release();
+    });
+    done.acquire();
+    const SocketAddress to = loopback(proxy->network().localAddress().port);
+    Bytes datagram(datagramSize, 0x40), buffer(65'536);
+    constexpr auto duration = 3s;
+    constexpr auto interval = 600us; // of a stream of some 18 Mbit/s
+    for (auto _ : state) {
+        std::vector<double> delays;
+        std::size_t sent = 0;
+        strange = 0;
+        Flood flood(to, 200'000);
+        const auto began = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - began < duration) {
+            const auto start = std::chrono::steady_clock::now();
+            peer.send(datagram, to);
+            ++sent;
+            while (std::chrono::steady_clock::now() - start < interval) {
+                if (quic.receive(buffer) >= 0) delays.push_back(secondsSince(start));
+                std::this_thread::yield();
+            }
+        }
+        const double seconds = secondsSince(began);
+        std::this_thread::sleep_for(100ms);
+        const std::size_t arrived = delays.size() + quic.drain();
+        state.SetIterationTime(seconds);
+        state.SetItemsProcessed(flood.sent());
+        state.counters["lost_percent_of_session"] = 100.0 * double(sent - arrived) / double(sent);
+        state.counters["strange_percent_of_flood"] = 100.0 * double(strange) / double(flood.sent());
+        state.counters["delay_us"] = median(delays) * 1e6;
+    }
+    queue->post([&] {
+        proxy.reset();
+        done.release();
+    });
+    done.acquire();
+}
+BENCHMARK(proxyUnderFlood)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 
 // A connectivity check as it arrives: read whole, and its integrity verified.
 void stunCheck(benchmark::State& state)

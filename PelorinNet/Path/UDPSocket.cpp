@@ -16,10 +16,10 @@ namespace pelorin {
 namespace {
 
 constexpr int bufferBytes = 4 * 1024 * 1024; // some 50 ms of the most that a proxy carries
-constexpr std::size_t messagesPerBatch = 32;
+constexpr std::size_t messagesPerBatch = 64;
 constexpr std::size_t messageRoom = 65'536; // bytes; untouched pages of it cost nothing
 // Batches read before others on the queue have their turn: under a flood, that many are read at a stretch.
-constexpr int batchesPerTurn = 4;
+constexpr int batchesPerTurn = 2;
 constexpr int errorsPerTurn = 64;
 constexpr std::size_t mostUnreachable = 64; // peers that wait to be reported
 constexpr int sendAttempts = 4; // each takes away an older error that had waited
@@ -60,9 +60,10 @@ struct ReceiveBuffers {
             vectors[i] = {bytes.get() + i * messageRoom, messageRoom};
     }
 
+    // What the kernel wrote into the ones used last is set anew.
     std::span<datagramCalls::Message> readied()
     {
-        for (std::size_t i = 0; i < messagesPerBatch; ++i) {
+        for (std::size_t i = 0; i < used; ++i) {
             msghdr& header = messages[i].msg_hdr;
             header = {};
             header.msg_name = &sources[i];
@@ -72,6 +73,7 @@ struct ReceiveBuffers {
             header.msg_control = controls[i].bytes.data();
             header.msg_controllen = controls[i].bytes.size();
         }
+        used = 0;
         return messages;
     }
 
@@ -83,6 +85,7 @@ struct ReceiveBuffers {
     std::array<sockaddr_in, messagesPerBatch> sources;
     std::array<Control, messagesPerBatch> controls;
     std::array<datagramCalls::Message, messagesPerBatch> messages;
+    std::size_t used = messagesPerBatch;
 };
 
 // Queue: the one given; close from any thread. Owns the descriptor.
@@ -184,10 +187,11 @@ int SystemUDPSocket::receive(ReceiveBuffers& into)
 {
     const std::lock_guard guard(lock);
     if (isClosed) return 0;
-    const int count = datagramCalls::receive(fd, into.readied(), mechanisms);
-    if (count > 0 || !takeErrors()) return count;
-    // That was an error of an earlier send; it stood before what has arrived.
-    return datagramCalls::receive(fd, into.readied(), mechanisms);
+    int count = datagramCalls::receive(fd, into.readied(), mechanisms);
+    // An error of an earlier send stands before what has arrived.
+    if (count <= 0 && takeErrors()) count = datagramCalls::receive(fd, into.readied(), mechanisms);
+    into.used = std::size_t(std::max(count, 0)); // a failed call writes nothing
+    return count;
 }
 
 void SystemUDPSocket::deliver(ReceiveBuffers& batch, std::size_t count, const Lifetime::Watch& alive)
