@@ -38,6 +38,7 @@ public:
 
     // Opens the socket that faces the network on every address, and the one on 127.0.0.1 that faces QUIC.
     static Result<std::unique_ptr<DatagramProxy>, NetError> open(QueueRef queue);
+    ~DatagramProxy();
 
     std::function<void(ByteView, const SocketAddress& source)> onOtherDatagram; // on the network socket
     std::function<void(ByteView, const Path&)> onRelayedStun;
@@ -68,8 +69,6 @@ public:
 
     const Counters& counters() const { return count; }
     std::string statistics() const; // one line for the log
-
-    ~DatagramProxy();
 
 private:
     struct Served {

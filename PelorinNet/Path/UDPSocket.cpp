@@ -277,8 +277,8 @@ void SystemUDPSocket::sendFailed(DatagramRuns& runs, std::size_t index)
             else
                 sendFailed(single, i);
         }
-        if (!isAnySent) return;
-        mechanisms.merging = false;
+        // Should none have gone, it may have been the peer. More runs of this batch may fail the same way.
+        if (!isAnySent || !std::exchange(mechanisms.merging, false)) return;
         Log("path").info("Sending merged datagrams from {} failed: errno {}; they go one by one from now on",
             local.text(), error);
         return;

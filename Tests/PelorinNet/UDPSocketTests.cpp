@@ -105,7 +105,7 @@ TEST_F(UDPSockets, sendOneByOneOnceTheKernelRefusesARun)
     ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_NO_CHECK, &on, sizeof on), 0);
 
     std::vector<Bytes> sent;
-    for (int i = 0; i < 20; ++i) sent.push_back(pattern(i == 19 ? 200 : 1350, sent.size()));
+    for (int i = 0; i < 120; ++i) sent.push_back(pattern(i == 119 ? 200 : 1350, sent.size())); // three runs
     for (int round = 0; round < 2; ++round) {
         for (const auto& bytes : sent) socket->enqueue({}, bytes, {}, peer.address);
         socket->flush();
@@ -195,6 +195,23 @@ TEST_F(UDPSockets, sayWhyTheyCannotBeOpened)
     ::setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_EQ(error("127.0.0.1", 0), fmt::format("socket: errno {}", EMFILE));
     ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(UDPSockets, haveTheBuffersTheyAskForOrSaySo)
+{
+    std::vector<std::string> lines;
+    Log::observe([&](LogLevel, std::string_view, std::string_view text) { lines.emplace_back(text); });
+    const auto socket = open();
+    Log::observe({});
+    const int fd = RawUDP::descriptorOf(socket->localAddress());
+    bool isAsAsked = true;
+    for (const int option : {SO_RCVBUF, SO_SNDBUF}) {
+        int bytes = 0;
+        socklen_t size = sizeof bytes;
+        ASSERT_EQ(::getsockopt(fd, SOL_SOCKET, option, &bytes, &size), 0);
+        isAsAsked = isAsAsked && bytes >= 2 * 4'194'304; // the kernel tells twice what holds payload
+    }
+    EXPECT_EQ(lines.size(), isAsAsked ? 0 : 1);
 }
 
 TEST_F(UDPSockets, leaveTheQueueToOthersDuringAFlood)
