@@ -1,0 +1,599 @@
+#include "PelorinNet/Path/TurnClient.h"
+
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/PelorinNet/RawUDP.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <optional>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using Method = StunMessage::Method;
+using Class = StunMessage::Class;
+using AttributeType = StunMessage::AttributeType;
+using Key = std::array<std::uint8_t, 16>;
+
+const TurnCredentials credentials{"1790000000:phone", "c2VjcmV0"};
+const SocketAddress relayedAddress = SocketAddress::ipv4({198, 51, 100, 9}, 50'000);
+const SocketAddress mappedAddress = SocketAddress::ipv4({203, 0, 113, 7}, 40'000);
+const SocketAddress peer = SocketAddress::ipv4({192, 0, 2, 77}, 4'242);
+
+std::string textOf(const StunMessage& message, std::uint16_t type)
+{
+    const auto value = message.attribute(type).value_or(ByteView{});
+    return {value.begin(), value.end()};
+}
+
+StunMessage::Attribute errorAttribute(int code, std::string_view reason)
+{
+    Bytes value{0, 0, std::uint8_t(code / 100), std::uint8_t(code % 100)};
+    value.insert(value.end(), reason.begin(), reason.end());
+    return {AttributeType::errorCode, value};
+}
+
+// A relay that does exactly what a case tells it, on a socket with nothing of ours in it.
+struct ScriptedRelay {
+    struct Request {
+        StunMessage message;
+        Bytes bytes;
+        SocketAddress source;
+    };
+
+    std::vector<Request> received() const
+    {
+        std::vector<Request> all;
+        for (auto& [bytes, source] : socket.receive()) {
+            auto message = StunMessage::parse(bytes);
+            EXPECT_TRUE(message);
+            if (message) all.push_back({*message, bytes, source});
+        }
+        return all;
+    }
+
+    Key key() const { return StunMessage::longTermKey(credentials.username, realm, credentials.credential); }
+
+    void challenge(const Request& request, int code = 401) const
+    {
+        StunMessage error{request.message.method, Class::error, request.message.transactionID, {}};
+        error.attributes = {errorAttribute(code, code == 438 ? "Stale Nonce" : "Unauthorized"),
+            {AttributeType::realm, realm}, {AttributeType::nonce, nonce}};
+        socket.send(error.serialize(), request.source);
+    }
+    void refuse(const Request& request, int code, std::string_view reason) const
+    {
+        StunMessage error{request.message.method, Class::error, request.message.transactionID,
+            {errorAttribute(code, reason)}};
+        socket.send(error.serialize(key()), request.source);
+    }
+    Bytes success(const Request& request) const
+    {
+        StunMessage answer{request.message.method, Class::success, request.message.transactionID, {}};
+        if (answer.method == Method::allocate)
+            for (const auto& [type, address] : {std::pair(AttributeType::xorRelayedAddress, relayedAddress),
+                     std::pair(AttributeType::xorMappedAddress, mappedAddress)})
+                answer.attributes.push_back(
+                    StunMessage::xorAddressAttribute(type, address, answer.transactionID));
+        return answer.serialize(key());
+    }
+    void accept(const Request& request) const { socket.send(success(request), request.source); }
+
+    RawUDP socket;
+    std::string realm = "relay.example";
+    std::string nonce = "nonce-1";
+};
+
+class TurnClientTest : public testing::Test {
+protected:
+    TurnClientTest() { makeClient({relay.socket.address}); }
+
+    void makeClient(std::vector<SocketAddress> candidates)
+    {
+        auto socket = *UDPSocket::open("127.0.0.1", 0, queue);
+        local = socket->localAddress();
+        client = std::make_unique<TurnClient>(std::move(socket), std::move(candidates), credentials, queue);
+    }
+
+    // What the client asks of the relay by now.
+    std::vector<ScriptedRelay::Request> requests()
+    {
+        queues.runReady();
+        return relay.received();
+    }
+    ScriptedRelay::Request request()
+    {
+        auto all = requests();
+        EXPECT_EQ(all.size(), 1u);
+        return all.empty() ? ScriptedRelay::Request{} : all.front();
+    }
+
+    // Each request ends here: with nothing, the relayed address, or the text of the failure.
+    void note(const std::string& outcome) { outcomes.push_back(outcome); }
+    void startAllocate()
+    {
+        client->allocate([this](const Result<SocketAddress, NetError>& result) {
+            note(result ? result->text() : result.error().description);
+        });
+    }
+    TurnClient::Done noting()
+    {
+        return
+            [this](const Result<void, NetError>& result) { note(result ? "" : result.error().description); };
+    }
+    void start(Method method)
+    {
+        switch (method) {
+        case Method::allocate:
+            return startAllocate();
+        case Method::refresh:
+            return client->refresh(noting());
+        case Method::createPermission:
+            return client->createPermission(peer, noting());
+        default:
+            return client->channelBind(peer, 0x4003, noting());
+        }
+    }
+    std::vector<std::string> takeOutcomes()
+    {
+        queues.runReady();
+        return std::exchange(outcomes, {});
+    }
+
+    void allocate()
+    {
+        startAllocate();
+        relay.challenge(request());
+        relay.accept(request());
+        ASSERT_EQ(takeOutcomes(), std::vector{relayedAddress.text()});
+    }
+
+    ManualQueues queues;
+    QueueRef queue = queues.makeQueue("dev.pelorin.path");
+    ScriptedRelay relay;
+    SocketAddress local;
+    std::unique_ptr<TurnClient> client;
+    std::vector<std::string> outcomes;
+};
+
+using Outcomes = std::vector<std::string>;
+
+TEST_F(TurnClientTest, allocatesWithTheCredentialsThatTheRelayAsksFor)
+{
+    startAllocate();
+    const auto first = request();
+    EXPECT_EQ(first.message.method, Method::allocate);
+    EXPECT_EQ(first.message.attributes,
+        (std::vector<StunMessage::Attribute>{{AttributeType::requestedTransport, Bytes{17, 0, 0, 0}},
+            {AttributeType::lifetime, Bytes{0, 0, 0x02, 0x58}}}));
+
+    relay.challenge(first);
+    const auto second = request();
+    EXPECT_NE(second.message.transactionID, first.message.transactionID);
+    EXPECT_EQ(textOf(second.message, AttributeType::username), credentials.username);
+    EXPECT_EQ(textOf(second.message, AttributeType::realm), relay.realm);
+    EXPECT_EQ(textOf(second.message, AttributeType::nonce), relay.nonce);
+    EXPECT_EQ(textOf(second.message, AttributeType::requestedTransport), std::string("\x11\0\0\0", 4));
+    EXPECT_TRUE(StunMessage::verifyIntegrity(second.bytes, relay.key()));
+    EXPECT_EQ(client->verifiedResponses(), 0u);
+
+    relay.accept(second);
+    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
+    EXPECT_EQ(client->relayed(), relayedAddress);
+    EXPECT_EQ(client->mapped(), mappedAddress);
+    EXPECT_EQ(client->verifiedResponses(), 1u);
+}
+
+TEST_F(TurnClientTest, saysWhatItWantsOfAnAllocation)
+{
+    allocate();
+    const struct {
+        Method method;
+        std::uint16_t attribute;
+        Bytes value;
+    } rows[] = {
+        {Method::refresh, AttributeType::lifetime, {0, 0, 0x02, 0x58}},
+        {Method::channelBind, AttributeType::channelNumber, {0x40, 0x03, 0, 0}},
+        {Method::channelBind, AttributeType::xorPeerAddress, {}},
+        {Method::createPermission, AttributeType::xorPeerAddress, {}},
+    };
+    for (const auto& row : rows) {
+        start(row.method);
+        const auto asked = request();
+        EXPECT_EQ(asked.message.method, row.method);
+        EXPECT_TRUE(StunMessage::verifyIntegrity(asked.bytes, relay.key()));
+        if (row.attribute == AttributeType::xorPeerAddress)
+            EXPECT_EQ(asked.message.xorAddress(row.attribute), peer);
+        else
+            EXPECT_EQ(asked.message.attribute(row.attribute).transform([](ByteView value) {
+                return Bytes(value.begin(), value.end());
+            }),
+                row.value);
+        relay.accept(asked);
+        EXPECT_EQ(takeOutcomes(), Outcomes{""});
+    }
+}
+
+TEST_F(TurnClientTest, asksFourTimesAndIsContentWithAnyAnswer)
+{
+    const Duration sendTimes[] = {0ms, 500ms, 1'500ms, 3'500ms};
+    for (std::size_t answered = 0; answered < std::size(sendTimes); ++answered) {
+        SCOPED_TRACE(answered);
+        const auto began = queues.now();
+        startAllocate();
+        for (std::size_t i = 0; i <= answered; ++i) {
+            queues.advance(began + sendTimes[i] - queues.now() - (i ? 1ms : 0ms));
+            if (i) {
+                EXPECT_TRUE(requests().empty()) << "too early";
+                queues.advance(1ms);
+            }
+            const auto sent = request();
+            if (i == answered) relay.refuse(sent, 508, "Insufficient Capacity");
+        }
+        EXPECT_EQ(takeOutcomes(), Outcomes{"allocate failed: 508 Insufficient Capacity"});
+        queues.advance(10s);
+        EXPECT_TRUE(requests().empty()) << "an answered request is not sent again";
+        makeClient({relay.socket.address});
+    }
+}
+
+TEST_F(TurnClientTest, givesASilentRelayUpAfterSevenAndAHalfSeconds)
+{
+    allocate();
+    const std::pair<Method, std::string> rows[] = {{Method::allocate, "allocate timed out"},
+        {Method::refresh, "refresh timed out"}, {Method::createPermission, "createPermission timed out"},
+        {Method::channelBind, "channelBind timed out"}};
+    for (const auto& [method, text] : rows) {
+        start(method);
+        queues.advance(7'499ms);
+        EXPECT_EQ(takeOutcomes(), Outcomes{});
+        const auto sent = requests();
+        ASSERT_EQ(sent.size(), 4u);
+        EXPECT_TRUE(std::ranges::all_of(sent, [&](const auto& each) { return each.bytes == sent[0].bytes; }));
+        queues.advance(1ms);
+        EXPECT_EQ(takeOutcomes(), Outcomes{text});
+        relay.accept(sent[0]);
+        EXPECT_EQ(takeOutcomes(), Outcomes{}) << "an answer that comes too late is none";
+    }
+}
+
+TEST_F(TurnClientTest, triesThreeTimesWhileItIsChallenged)
+{
+    for (const int code : {401, 438})
+        for (const auto& [method, name] :
+            {std::pair(Method::allocate, "allocate"), std::pair(Method::channelBind, "channelBind")}) {
+            SCOPED_TRACE(fmt::format("{} {}", name, code));
+            start(method);
+            for (int attempt = 0; attempt < 3; ++attempt) {
+                EXPECT_EQ(takeOutcomes(), Outcomes{});
+                relay.nonce = fmt::format("nonce-{}-{}", code, attempt);
+                relay.challenge(request(), code);
+            }
+            EXPECT_EQ(takeOutcomes(),
+                Outcomes{fmt::format(
+                    "{} failed: {}", name, code == 401 ? "401 Unauthorized" : "438 Stale Nonce")});
+            queues.advance(1min);
+            EXPECT_TRUE(requests().empty());
+        }
+}
+
+TEST_F(TurnClientTest, goesOnWithTheNonceThatReplacedAStaleOne)
+{
+    allocate();
+    relay.nonce = "nonce-2";
+    start(Method::refresh);
+    relay.challenge(request(), 438);
+    const auto again = request();
+    EXPECT_EQ(textOf(again.message, AttributeType::nonce), "nonce-2");
+    relay.accept(again);
+    EXPECT_EQ(takeOutcomes(), Outcomes{""});
+
+    relay.realm = "moved.example"; // which changes the key
+    start(Method::channelBind);
+    relay.challenge(request(), 401);
+    relay.accept(request());
+    EXPECT_EQ(takeOutcomes(), Outcomes{""});
+    EXPECT_EQ(client->verifiedResponses(), 3u);
+}
+
+TEST_F(TurnClientTest, failsWhereAChallengeCannotBeMet)
+{
+    const std::pair<std::string, std::string> rows[]
+        = {{"", "nonce"}, {"realm", ""}, {std::string(764, 'r'), "nonce"}, {"realm", std::string(764, 'n')}};
+    for (const auto& [realm, nonce] : rows) {
+        makeClient({relay.socket.address});
+        relay.realm = realm;
+        relay.nonce = nonce;
+        startAllocate();
+        relay.challenge(request());
+        EXPECT_EQ(takeOutcomes(), Outcomes{"allocate failed: 401 Unauthorized"});
+        EXPECT_TRUE(requests().empty());
+    }
+}
+
+TEST_F(TurnClientTest, tellsARefusalInTheRelaysWords)
+{
+    const std::pair<int, std::string> rows[] = {{300, "Try Alternate"}, {400, "Bad Request"},
+        {437, "Allocation Mismatch"}, {441, "Wrong Credentials"}, {486, "Allocation Quota Reached"},
+        {508, "Insufficient Capacity"}, {500, ""}};
+    for (const bool isAllocated : {false, true}) {
+        if (isAllocated) allocate();
+        const Method method = isAllocated ? Method::refresh : Method::allocate;
+        for (const auto& [code, reason] : rows) {
+            start(method);
+            relay.refuse(request(), code, reason);
+            EXPECT_EQ(takeOutcomes(),
+                Outcomes{
+                    fmt::format("{} failed: {} {}", isAllocated ? "refresh" : "allocate", code, reason)});
+        }
+    }
+}
+
+TEST_F(TurnClientTest, refusesASuccessWithoutARelayedAddress)
+{
+    startAllocate();
+    relay.challenge(request());
+    const auto asked = request();
+    const StunMessage empty{Method::allocate, Class::success, asked.message.transactionID, {}};
+    relay.socket.send(empty.serialize(relay.key()), local);
+    EXPECT_EQ(takeOutcomes(), Outcomes{"Allocate succeeded without a relayed address"});
+    EXPECT_FALSE(client->relayed());
+}
+
+TEST_F(TurnClientTest, waitsOnWhenAnAnswerIsNotTheRelaysToThisRequest)
+{
+    allocate();
+    const RawUDP stranger;
+    const auto shortTermKey = Bytes{'w', 'r', 'o', 'n', 'g'};
+    using Forge = std::function<void(const ScriptedRelay::Request&)>;
+    const std::pair<const char*, Forge> rows[] = {
+        {"a success signed with another key",
+            [&](const auto& request) {
+                const StunMessage forged{
+                    request.message.method, Class::success, request.message.transactionID, {}};
+                relay.socket.send(forged.serialize(shortTermKey), local);
+            }},
+        {"an unsigned success",
+            [&](const auto& request) {
+                const StunMessage forged{
+                    request.message.method, Class::success, request.message.transactionID, {}};
+                relay.socket.send(forged.serialize(), local);
+            }},
+        {"a refusal signed with another key",
+            [&](const auto& request) {
+                const StunMessage forged{request.message.method, Class::error, request.message.transactionID,
+                    {errorAttribute(437, "Allocation Mismatch")}};
+                relay.socket.send(forged.serialize(shortTermKey), local);
+            }},
+        {"an error without a code",
+            [&](const auto& request) {
+                const StunMessage forged{
+                    request.message.method, Class::error, request.message.transactionID, {}};
+                relay.socket.send(forged.serialize(relay.key()), local);
+            }},
+        {"another method's success",
+            [&](const auto& request) {
+                const StunMessage forged{Method::allocate, Class::success, request.message.transactionID, {}};
+                relay.socket.send(forged.serialize(relay.key()), local);
+            }},
+        {"another transaction's success",
+            [&](const auto& request) {
+                auto other = request;
+                other.message.transactionID[11] ^= 1;
+                relay.accept(other);
+            }},
+        {"our own request", [&](const auto& request) { relay.socket.send(request.bytes, local); }},
+        {"a success from a stranger",
+            [&](const auto& request) { stranger.send(relay.success(request), local); }},
+        {"half a success",
+            [&](const auto& request) {
+                const auto whole = relay.success(request);
+                relay.socket.send(ByteView(whole).first(whole.size() / 2), local);
+            }},
+    };
+    for (const auto& [what, forge] : rows) {
+        SCOPED_TRACE(what);
+        start(Method::refresh);
+        const auto asked = request();
+        forge(asked);
+        EXPECT_EQ(takeOutcomes(), Outcomes{});
+        relay.accept(asked);
+        EXPECT_EQ(takeOutcomes(), Outcomes{""});
+    }
+}
+
+TEST_F(TurnClientTest, hearsEachAnswerOnce)
+{
+    startAllocate();
+    const auto first = request();
+    for (int i = 0; i < 3; ++i) relay.challenge(first);
+    const auto second = requests();
+    ASSERT_EQ(second.size(), 1u) << "a repeated challenge is answered once";
+    for (int i = 0; i < 3; ++i) relay.accept(second[0]);
+    relay.refuse(second[0], 437, "Allocation Mismatch");
+    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
+}
+
+TEST_F(TurnClientTest, keepsRequestsApartThatRunSideBySide)
+{
+    allocate();
+    client->channelBind(peer, 0x4000, [this](const auto& result) { note(result ? "channel" : "?"); });
+    client->refresh([this](const auto& result) { note(result ? "refresh" : result.error().description); });
+    client->createPermission(peer, [this](const auto& result) { note(result ? "permission" : "?"); });
+    const auto sent = requests();
+    ASSERT_EQ(sent.size(), 3u);
+    relay.nonce = "nonce-2";
+    relay.challenge(sent[0], 438);
+    relay.accept(sent[2]);
+    EXPECT_EQ(takeOutcomes(), Outcomes{"permission"});
+    relay.accept(request());
+    EXPECT_EQ(takeOutcomes(), Outcomes{"channel"});
+    queues.advance(7'500ms);
+    EXPECT_EQ(takeOutcomes(), Outcomes{"refresh timed out"});
+}
+
+TEST_F(TurnClientTest, usesTheFirstOfTheRelaysAddressesThatAnswers)
+{
+    const ScriptedRelay slower;
+    const RawUDP silent;
+    makeClient({silent.address, slower.socket.address, relay.socket.address});
+    startAllocate();
+    const auto asked = request();
+    const auto askedOfSlower = slower.received();
+    ASSERT_EQ(askedOfSlower.size(), 1u);
+    EXPECT_EQ(askedOfSlower[0].bytes, asked.bytes);
+    EXPECT_FALSE(client->handle(Bytes(20), SocketAddress::ipv4({127, 0, 0, 1}, 1)));
+    EXPECT_TRUE(client->handle(Bytes(20), silent.address));
+
+    relay.challenge(asked);
+    slower.challenge(askedOfSlower[0]);
+    relay.accept(request());
+    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
+    EXPECT_EQ(client->server(), relay.socket.address);
+    EXPECT_TRUE(slower.received().empty());
+    EXPECT_FALSE(client->handle(Bytes(20), slower.socket.address)) << "it is nobody's now";
+}
+
+TEST_F(TurnClientTest, handsRelayedDataOnOnceThereIsAnAllocation)
+{
+    std::vector<std::pair<std::uint16_t, Bytes>> received;
+    client->onChannelData = [&](std::uint16_t channel, ByteView payload) {
+        received.emplace_back(channel, Bytes(payload.begin(), payload.end()));
+    };
+    int batches = 0;
+    client->onBatchEnd = [&] { ++batches; };
+    const auto deliver = [&](const RawUDP& from, Bytes datagram) {
+        received.clear();
+        from.send(datagram, local);
+        queues.runReady();
+        return received;
+    };
+    const Bytes framed = ChannelData::frame(0x4003, Bytes{1, 2, 3, 4, 5});
+    EXPECT_TRUE(deliver(relay.socket, framed).empty()) << "nothing is allocated";
+    allocate();
+
+    const RawUDP stranger;
+    EXPECT_TRUE(deliver(stranger, framed).empty());
+    const std::vector<std::pair<std::uint16_t, Bytes>> expected{{0x4003, {1, 2, 3, 4, 5}}};
+    batches = 0;
+    EXPECT_EQ(deliver(relay.socket, framed), expected);
+    EXPECT_EQ(batches, 1);
+    EXPECT_TRUE(deliver(relay.socket, Bytes(framed.begin(), framed.begin() + 8)).empty()) << "cut off";
+    EXPECT_TRUE(deliver(relay.socket, Bytes{0x50, 0, 0, 0}).empty()) << "no channel";
+    EXPECT_TRUE(deliver(relay.socket, {}).empty());
+}
+
+TEST_F(TurnClientTest, framesWhatItRelaysWithoutCopying)
+{
+    allocate();
+    std::vector<Bytes> payloads;
+    for (std::size_t i = 0; i < 300; ++i) payloads.emplace_back(i % 7, std::uint8_t(i));
+    for (std::size_t i = 0; i < payloads.size(); ++i) client->enqueue(std::uint16_t(0x4000 + i), payloads[i]);
+    EXPECT_TRUE(relay.socket.receive().empty());
+    client->flush();
+    client->send(0x4FFF, Bytes{9});
+    const auto arrived = relay.socket.receive();
+    ASSERT_EQ(arrived.size(), 301u);
+    for (std::size_t i = 0; i < payloads.size(); ++i)
+        EXPECT_EQ(arrived[i].bytes, ChannelData::frame(std::uint16_t(0x4000 + i), payloads[i]));
+    EXPECT_EQ(arrived[300].bytes, (Bytes{0x4F, 0xFF, 0, 1, 9, 0, 0, 0}));
+}
+
+TEST_F(TurnClientTest, givesTheAllocationBackAtItsEnd)
+{
+    allocate();
+    client.reset();
+    const auto last = request();
+    EXPECT_EQ(last.message.method, Method::refresh);
+    EXPECT_EQ(textOf(last.message, AttributeType::lifetime), std::string(4, '\0'));
+    EXPECT_TRUE(StunMessage::verifyIntegrity(last.bytes, relay.key()));
+    queues.advance(1min);
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(TurnClientTest, endsAnywhereWithoutAWord)
+{
+    // Before, while and after it allocates; and from within what it calls.
+    startAllocate();
+    const auto first = request();
+    client.reset();
+    EXPECT_TRUE(requests().empty()) << "the relay knows nothing of it";
+
+    makeClient({relay.socket.address});
+    startAllocate();
+    relay.challenge(request());
+    request();
+    client.reset();
+    EXPECT_EQ(request().message.method, Method::refresh) << "the relay may have allocated already";
+    queues.advance(1min);
+    EXPECT_EQ(takeOutcomes(), Outcomes{});
+
+    const std::function<void()> endings[] = {
+        [&] { relay.accept(request()); },
+        [&] { relay.refuse(request(), 486, "Allocation Quota Reached"); },
+        [&] { queues.advance(8s); },
+    };
+    for (const auto& end : endings) {
+        makeClient({relay.socket.address});
+        client->allocate([this](const auto&) {
+            client.reset();
+            note("gone");
+        });
+        relay.challenge(request());
+        end();
+        EXPECT_EQ(takeOutcomes(), Outcomes{"gone"});
+        requests();
+    }
+
+    makeClient({relay.socket.address});
+    allocate();
+    client->onChannelData = [this](std::uint16_t, ByteView) {
+        client.reset();
+        note("gone");
+    };
+    relay.socket.send(ChannelData::frame(0x4000, Bytes{1}), local);
+    relay.socket.send(ChannelData::frame(0x4000, Bytes{2}), local);
+    EXPECT_EQ(takeOutcomes(), Outcomes{"gone"});
+}
+
+TEST_F(TurnClientTest, hearsThatTheRelayIsGone)
+{
+    allocate();
+    client->onUnreachable = [this](int errorNumber) {
+        client.reset();
+        note(std::to_string(errorNumber));
+    };
+    relay.socket.close();
+    client->send(0x4000, Bytes{1});
+    EXPECT_EQ(takeOutcomes(), Outcomes{std::to_string(ECONNREFUSED)});
+}
+
+TEST_F(TurnClientTest, survivesEveryFlippedBitOfEveryAnswer)
+{
+    const auto flipped = [&](const Bytes& honest, const std::function<bool()>& isHarmless) {
+        for (std::size_t bit = 0; bit < honest.size() * 8; ++bit) {
+            auto bytes = honest;
+            bytes[bit / 8] ^= std::uint8_t(1 << bit % 8);
+            client->handle(bytes, relay.socket.address);
+            EXPECT_TRUE(isHarmless()) << "bit " << bit;
+        }
+        for (std::size_t size = 0; size < honest.size(); ++size)
+            client->handle(ByteView(honest).first(size), relay.socket.address);
+        EXPECT_TRUE(isHarmless()) << "cut off";
+    };
+    startAllocate();
+    relay.challenge(request());
+    const auto asked = request();
+    flipped(relay.success(asked), [&] { return outcomes.empty(); });
+    relay.accept(asked);
+    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
+
+    int datagrams = 0;
+    client->onChannelData = [&](std::uint16_t, ByteView payload) { datagrams += payload.size() <= 8; };
+    flipped(ChannelData::frame(0x4000, Bytes(8, 7)), [&] { return outcomes.empty(); });
+    EXPECT_GT(datagrams, 64) << "what is in it is QUIC's to judge";
+}
+
+} // namespace
+} // namespace pelorin
