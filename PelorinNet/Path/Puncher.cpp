@@ -56,7 +56,6 @@ void Puncher::stop()
     if (!completion) return;
     const auto finished = std::exchange(completion, nullptr);
     end();
-    outstanding.clear();
     finished(std::nullopt);
 }
 

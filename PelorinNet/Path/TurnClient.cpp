@@ -238,19 +238,22 @@ void TurnClient::complete(Request request, const StunMessage& response)
         NetError{fmt::format("{} failed: {} {}", nameOf(request.method), error.code, error.reason)}));
 }
 
-// False when there is no way to answer it.
+// False when there is no way to meet it; what we knew before then stays.
 bool TurnClient::takeChallenge(const StunMessage& response)
 {
-    const auto take = [&](std::uint16_t type, std::string& into) {
-        if (const auto value = response.attribute(type)) into.assign(value->begin(), value->end());
+    const auto given = [&](std::uint16_t type, const std::string& known) {
+        const auto value = response.attribute(type);
+        return value ? std::string(value->begin(), value->end()) : known;
     };
-    take(AttributeType::realm, realm);
-    take(AttributeType::nonce, nonce);
-    const bool isUsable = !realm.empty() && realm.size() <= maxRealmSize && !nonce.empty()
-        && nonce.size() <= maxNonceSize && credentials.username.size() <= maxUsernameSize;
-    key.reset();
-    if (isUsable) key = StunMessage::longTermKey(credentials.username, realm, credentials.credential);
-    return isUsable;
+    auto newRealm = given(AttributeType::realm, realm);
+    auto newNonce = given(AttributeType::nonce, nonce);
+    const bool isUsable = !newRealm.empty() && newRealm.size() <= maxRealmSize && !newNonce.empty()
+        && newNonce.size() <= maxNonceSize && credentials.username.size() <= maxUsernameSize;
+    if (!isUsable) return false;
+    realm = std::move(newRealm);
+    nonce = std::move(newNonce);
+    key = StunMessage::longTermKey(credentials.username, realm, credentials.credential);
+    return true;
 }
 
 // Relayed data

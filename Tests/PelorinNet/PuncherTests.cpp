@@ -492,6 +492,21 @@ TEST(Puncher, meetsItsLike)
     EXPECT_EQ(here.found, (Candidate{there.address(), "prflx"}));
 }
 
+TEST(ConnectivityCheck, isAnsweredByASuccessOfThePeersAlone)
+{
+    const PathCredentials here = PathCredentials::random(), there = PathCredentials::random();
+    const auto id = StunMessage::newTransactionID();
+    const auto source = SocketAddress::ipv4({203, 0, 113, 7}, 51'820);
+    const Bytes request = ConnectivityCheck::request(here, there, id);
+    const auto answer = ConnectivityCheck::answer(request, source, there, here);
+    ASSERT_TRUE(answer);
+    EXPECT_TRUE(ConnectivityCheck::isAnswer(*answer, there));
+    EXPECT_FALSE(ConnectivityCheck::isAnswer(*answer, here));
+    EXPECT_FALSE(ConnectivityCheck::isAnswer(request, there)) << "a check that was sent back";
+    EXPECT_FALSE(ConnectivityCheck::answer(request, source, here, there)) << "to another";
+    EXPECT_FALSE(ConnectivityCheck::answer(*answer, source, there, here));
+}
+
 TEST(PathCredentials, areDrawnEvenlyFromLettersAndDigits)
 {
     constexpr std::string_view alphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";

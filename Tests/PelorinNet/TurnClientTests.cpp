@@ -310,6 +310,20 @@ TEST_F(TurnClientTest, failsWhereAChallengeCannotBeMet)
         EXPECT_EQ(takeOutcomes(), Outcomes{"allocate failed: 401 Unauthorized"});
         EXPECT_TRUE(requests().empty());
     }
+
+    // One that comes later costs its request and nothing else.
+    relay.realm = "relay.example";
+    relay.nonce = "nonce-1";
+    makeClient({relay.socket.address});
+    allocate();
+    relay.nonce = std::string(764, 'n');
+    start(Method::refresh);
+    relay.challenge(request(), 438);
+    EXPECT_EQ(takeOutcomes(), Outcomes{"refresh failed: 438 Stale Nonce"});
+    start(Method::refresh);
+    const auto next = request();
+    EXPECT_EQ(textOf(next.message, AttributeType::nonce), "nonce-1");
+    EXPECT_TRUE(StunMessage::verifyIntegrity(next.bytes, relay.key()));
 }
 
 TEST_F(TurnClientTest, tellsARefusalInTheRelaysWords)
@@ -431,6 +445,21 @@ TEST_F(TurnClientTest, keepsRequestsApartThatRunSideBySide)
     EXPECT_EQ(takeOutcomes(), Outcomes{"channel"});
     queues.advance(7'500ms);
     EXPECT_EQ(takeOutcomes(), Outcomes{"refresh timed out"});
+}
+
+TEST_F(TurnClientTest, takesAnAnswerUnderTheKeyOfItsRequest)
+{
+    allocate();
+    start(Method::refresh);
+    start(Method::channelBind);
+    const auto sent = requests();
+    ASSERT_EQ(sent.size(), 2u);
+    const auto answer = relay.success(sent[1]);
+    relay.realm = "moved.example";
+    relay.challenge(sent[0], 401);
+    relay.accept(request());
+    relay.socket.send(answer, local);
+    EXPECT_EQ(takeOutcomes(), (Outcomes{"", ""}));
 }
 
 TEST_F(TurnClientTest, usesTheFirstOfTheRelaysAddressesThatAnswers)
