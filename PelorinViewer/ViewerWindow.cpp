@@ -2,6 +2,7 @@
 
 #include "PelorinViewer/KeyboardInput.h"
 #include "PelorinViewer/OverlayFont.h"
+#include "PelorinViewer/X11Errors.h"
 
 #include <algorithm>
 #include <cmath>
@@ -45,6 +46,9 @@ struct Library {
         // Motion as the user's desktop accelerates it, instead of the device's raw counts. Devices that
         // report places, as those of virtual machines and remote desktops, have no raw motion at all.
         SDL_SetHint(SDL_HINT_MOUSE_RELATIVE_MODE_WARP, "1");
+        // The click that brings the window to the front takes the mouse as well.
+        SDL_SetHint(SDL_HINT_MOUSE_FOCUS_CLICKTHROUGH, "1");
+        outliveX11Errors(); // before SDL sets a handler that ends with the one it found
         isStarted = SDL_Init(SDL_INIT_VIDEO) == 0;
     }
     ~Library() { SDL_Quit(); }
@@ -170,14 +174,12 @@ Result<void, std::string> ViewerWindow::State::open()
 template <class Change>
 void ViewerWindow::State::leave(Change change)
 {
-    {
-        const std::lock_guard guard(lock);
-        change(mail);
-        if (std::exchange(isWoken, true)) return;
-    }
+    const std::lock_guard guard(lock);
+    change(mail);
+    if (isWoken) return;
     SDL_Event event{};
     event.type = wakeEvent;
-    SDL_PushEvent(&event);
+    isWoken = SDL_PushEvent(&event) > 0; // its queue may be full; the next mail tries again
 }
 
 void ViewerWindow::State::takeMail(const WindowInput& input)
