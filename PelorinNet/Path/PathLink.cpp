@@ -34,7 +34,7 @@ bool PathLink::isProven() const
 
 Duration PathLink::patience() const
 {
-    return smoothedRtt == Duration{} ? firstPatience : std::max(shortestPatience, 2 * smoothedRtt);
+    return smoothedRtt ? std::max(shortestPatience, 2 * *smoothedRtt) : firstPatience;
 }
 
 Duration PathLink::interval(SteadyTime now, bool isChosen) const
@@ -75,7 +75,7 @@ void PathLink::answered(const TransactionID& id, SteadyTime now)
     const auto check = std::ranges::find(checks, id, &Check::id);
     if (check == checks.end()) return;
     const Duration sample = now - check->sentAt;
-    smoothedRtt = smoothedRtt == Duration{} ? sample : smoothedRtt + (sample - smoothedRtt) / 4;
+    smoothedRtt = smoothedRtt ? *smoothedRtt + (sample - *smoothedRtt) / 4 : sample;
     // Older checks went the same way and may be lost; they tell nothing about now.
     checks.erase(checks.begin(), check + 1);
     stand(now);

@@ -25,7 +25,8 @@ public:
     bool isStanding() const { return state == State::standing; } // answered, and never fell since
     // Standing, and not merely between two falls: worth leaving a path that works for it.
     bool isProven() const;
-    Duration rtt() const { return smoothedRtt; } // zero before the first answer
+    bool hasMissed() const { return missed > 0; } // the last answer, at least
+    Duration rtt() const { return smoothedRtt.value_or(Duration{}); } // zero before the first answer
     SteadyTime lastAnswered() const { return answeredAt; }
 
     // How long after a check its answer counts as missed.
@@ -62,7 +63,7 @@ private:
     std::deque<Check> checks; // unanswered, oldest first
     std::optional<SteadyTime> lastCheck;
     SteadyTime answeredAt{};
-    Duration smoothedRtt{};
+    std::optional<Duration> smoothedRtt;
     int missed = 0; // in a row
     int answers = 0; // in a row
     bool hasFallen = false;

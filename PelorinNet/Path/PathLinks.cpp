@@ -132,6 +132,7 @@ void PathLinks::answerRelayed(ByteView datagram, const DatagramProxy::Path& over
 void PathLinks::arrivalPathChanged(const DatagramProxy::Path& over)
 {
     queue->assertCurrent();
+    peerChoice = over;
     if (!proxy.path || *proxy.path == over) return;
     // The peer left our path for another: perhaps it noticed first that ours is dead.
     find(*proxy.path)->suspect(queue->now());
@@ -139,9 +140,7 @@ void PathLinks::arrivalPathChanged(const DatagramProxy::Path& over)
 
 const PathLink* PathLinks::chosen() const
 {
-    if (!proxy.path) return nullptr;
-    const auto link = std::ranges::find(links, *proxy.path, &PathLink::way);
-    return link == links.end() ? nullptr : &*link;
+    return proxy.path ? find(*proxy.path) : nullptr;
 }
 
 bool PathLinks::hasStanding(PathLink::Kind kind) const
@@ -228,6 +227,9 @@ const PathLink* PathLinks::bestChoice(SteadyTime now) const
         const PathLink* other = best();
         return other ? other : current;
     }
+    // The peer has left it, and there is a first sign that it knew why.
+    if (current->hasMissed() && peerChoice)
+        if (const PathLink* theirs = find(*peerChoice); theirs && theirs->isStanding()) return theirs;
     // A path that works is left only for a direct one.
     if (current->kind() == PathLink::Kind::direct) return current;
     for (const PathLink& link : links)
@@ -248,6 +250,12 @@ void PathLinks::choose()
 }
 
 PathLink* PathLinks::find(const DatagramProxy::Path& way)
+{
+    const auto link = std::ranges::find(links, way, &PathLink::way);
+    return link == links.end() ? nullptr : &*link;
+}
+
+const PathLink* PathLinks::find(const DatagramProxy::Path& way) const
 {
     const auto link = std::ranges::find(links, way, &PathLink::way);
     return link == links.end() ? nullptr : &*link;

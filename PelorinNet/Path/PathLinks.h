@@ -49,6 +49,7 @@ private:
     const PathLink* bestChoice(SteadyTime now) const;
     const PathLink* best() const; // of all that stand
     PathLink* find(const DatagramProxy::Path& way);
+    const PathLink* find(const DatagramProxy::Path& way) const;
     void fell(const PathLink& link);
 
     DatagramProxy& proxy;
@@ -57,6 +58,7 @@ private:
     std::optional<PathCredentials> remote; // none before start
     SteadyTime relayFrom{};
     SteadyTime chosenAt{};
+    std::optional<DatagramProxy::Path> peerChoice; // over which its traffic came last
     std::vector<PathLink> links;
     Subscription ticks;
     Log log{"path"};
