@@ -85,7 +85,7 @@ void PathLinks::unreachable(const SocketAddress& peer)
     PathLink* link = find(DatagramProxy::Path::direct(peer));
     if (!link || !link->fall(queue->now())) return;
     log.info("the network says that {} is unreachable", link->label());
-    fell(*link);
+    fell(PathLink(*link));
 }
 
 void PathLinks::suspectAll()
@@ -169,21 +169,22 @@ void PathLinks::tick()
 
 void PathLinks::expireChecks(SteadyTime now)
 {
-    const PathLink* fallen = nullptr;
+    std::vector<PathLink> fallen;
     for (PathLink& link : links)
-        if (link.expireChecks(now) && proxy.path == link.way()) fallen = &link;
-    if (!fallen) return;
-    log.info("no answer over {}", fallen->label());
-    fell(*fallen);
+        if (link.expireChecks(now)) fallen.push_back(link);
+    const auto alive = lifetime.watch();
+    for (const PathLink& link : fallen) {
+        log.info("no answer over {}", link.label());
+        fell(link);
+        if (!alive) return;
+    }
 }
 
 void PathLinks::fell(const PathLink& link)
 {
-    if (!(proxy.path == link.way())) return;
     const auto alive = lifetime.watch();
-    const PathLink copy = link;
     choose();
-    if (alive && onFell) onFell(copy);
+    if (alive && onFell) onFell(link);
 }
 
 // Checks come every two seconds, too seldom for who is watching a picture. But when something was sent and

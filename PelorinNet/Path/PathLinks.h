@@ -15,7 +15,8 @@ public:
 
     // The first choice, and every change of it. May destroy us.
     std::function<void(const PathLink& chosen)> onChosen;
-    std::function<void(const PathLink& fallen)> onFell; // the chosen one; another may follow at once
+    std::function<void(const PathLink& fallen)>
+        onFell; // stood, and does no more; chosen or not; another has been chosen by then
 
     // Checks begin. Before relayFrom no relayed way is chosen: a direct one may be as quick.
     void start(PathCredentials remote, SteadyTime relayFrom);

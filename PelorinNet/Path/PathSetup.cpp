@@ -76,7 +76,7 @@ Result<void, NetError> PathSetup::open()
     proxy->onArrivalPathChange = [this](const DatagramProxy::Path& over) { links->arrivalPathChanged(over); };
     puncher->onPeerCheck = [this](const SocketAddress& source) { peerChecked(source); };
     links->onChosen = [this](const PathLink& link) { chosen(link); };
-    links->onFell = [this](const PathLink& link) { chosenFell(link); };
+    links->onFell = [this](const PathLink& link) { fell(link); };
 
     if (!switches.forceTurn) {
         localCandidates = hostCandidates(proxy->network().localAddress().port);
@@ -228,10 +228,9 @@ void PathSetup::add(const Candidate& remote)
     if (switches.forceTurn) return;
     if (isRelay(remote)) return addRelayCandidate(remote);
     // A search that has ended begins anew for it: the peer's network has changed.
-    if (!links->chosen() || links->chosen()->kind() != PathLink::Kind::direct) {
-        puncher->add(remote);
-        if (puncher->remote && punchTimer) punch();
-    }
+    if (hasDirectPath()) return;
+    puncher->add(remote);
+    if (punchTimer) punch();
 }
 
 void PathSetup::addRelayCandidate(const Candidate& remote)
@@ -363,16 +362,22 @@ void PathSetup::chosen(const PathLink& link)
     if (onPathChange) onPathChange(label);
 }
 
-void PathSetup::chosenFell(const PathLink& link)
+void PathSetup::fell(const PathLink& link)
 {
     if (link.way().turn)
         for (const auto& relay : relays)
             if (relay->client() == link.way().turn) relay->distrust();
+    if (link.kind() != PathLink::Kind::direct || switches.forceTurn || hasDirectPath()) return;
     // The NAT in front of us may have forgotten us or changed: ask again, and tell the peer.
-    if (link.kind() != PathLink::Kind::direct || switches.forceTurn) return;
     searches = 0;
     learnReflexive();
     punch();
+}
+
+bool PathSetup::hasDirectPath() const
+{
+    const PathLink* link = links->chosen();
+    return link && link->kind() == PathLink::Kind::direct && link->isStanding();
 }
 
 void PathSetup::networkChanged()

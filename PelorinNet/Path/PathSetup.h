@@ -82,7 +82,8 @@ private:
     void receiveRelayed(ByteView datagram, const DatagramProxy::Path& over);
 
     void chosen(const PathLink& link);
-    void chosenFell(const PathLink& link);
+    void fell(const PathLink& link);
+    bool hasDirectPath() const;
     void finish(Result<std::string, NetError> result);
     void breakRelay();
 
