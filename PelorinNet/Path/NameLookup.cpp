@@ -124,13 +124,13 @@ std::vector<SocketAddress> resolveBySystem(const std::string& name)
     return addresses;
 }
 
-void lookUpName(
-    const PathServers::Server& server, QueueRef queue, std::function<void(std::vector<SocketAddress>)> done)
+void lookUpName(const PathServers::Server& server, const QueueRef& queue,
+    std::function<void(std::vector<SocketAddress>)> done)
 {
-    lookUpName(server, std::move(queue), std::move(done), resolveBySystem);
+    lookUpName(server, queue, std::move(done), resolveBySystem);
 }
 
-void lookUpName(const PathServers::Server& server, QueueRef queue,
+void lookUpName(const PathServers::Server& server, const QueueRef& queue,
     std::function<void(std::vector<SocketAddress>)> done, NameResolver resolver)
 {
     queue->assertCurrent();

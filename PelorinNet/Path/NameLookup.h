@@ -13,9 +13,9 @@ std::vector<SocketAddress> resolveBySystem(const std::string& name); // port 0
 // right away, on the queue's next turn. Resolving takes a thread of its own that nobody waits for, so neither
 // queue nor pool are held up by a server that doesn't answer. A caller that may be gone by then guards done
 // with its Lifetime.
-void lookUpName(
-    const PathServers::Server& server, QueueRef queue, std::function<void(std::vector<SocketAddress>)> done);
-void lookUpName(const PathServers::Server& server, QueueRef queue,
+void lookUpName(const PathServers::Server& server, const QueueRef& queue,
+    std::function<void(std::vector<SocketAddress>)> done);
+void lookUpName(const PathServers::Server& server, const QueueRef& queue,
     std::function<void(std::vector<SocketAddress>)> done, NameResolver resolver);
 
 } // namespace pelorin

@@ -24,7 +24,7 @@ Puncher::Puncher(DatagramProxy& newProxy, QueueRef newQueue, MayCheck newMayChec
 {
 }
 
-void Puncher::start(std::vector<Candidate> newTargets, SteadyTime deadline, Completion newCompletion)
+void Puncher::start(const std::vector<Candidate>& newTargets, SteadyTime deadline, Completion newCompletion)
 {
     queue->assertCurrent();
     end();
@@ -84,23 +84,23 @@ void Puncher::handle(ByteView datagram, const SocketAddress& source)
     const auto message = StunMessage::parse(datagram);
     if (!remote || !message || message->method != StunMessage::Method::binding) return;
     if (message->messageClass == StunMessage::Class::request)
-        answer(datagram, source);
+        answer(datagram, source, *remote);
     else if (message->messageClass == StunMessage::Class::success)
-        handleAnswer(datagram, message->transactionID, source);
+        handleAnswer(datagram, message->transactionID, source, *remote);
 }
 
-void Puncher::handleAnswer(
-    ByteView datagram, const StunMessage::TransactionID& id, const SocketAddress& source)
+void Puncher::handleAnswer(ByteView datagram, const StunMessage::TransactionID& id,
+    const SocketAddress& source, const PathCredentials& sender)
 {
     const auto check = outstanding.extract(id);
-    if (!check || check.mapped() != source || !ConnectivityCheck::isAnswer(datagram, *remote)) return;
+    if (!check || check.mapped() != source || !ConnectivityCheck::isAnswer(datagram, sender)) return;
     ++answeredCount;
     if (completion) select(source);
 }
 
-void Puncher::answer(ByteView datagram, const SocketAddress& source)
+void Puncher::answer(ByteView datagram, const SocketAddress& source, const PathCredentials& sender)
 {
-    const auto bytes = ConnectivityCheck::answer(datagram, source, local, *remote);
+    const auto bytes = ConnectivityCheck::answer(datagram, source, local, sender);
     if (!bytes) return;
     proxy.network().send(*bytes, source);
     learn(source);

@@ -29,8 +29,8 @@ public:
     // completion gets it, or nothing when deadline passes or stop comes first. A start while one runs takes
     // its place, the former completion is never called; each start keeps what the peer revealed. Callbacks
     // may start anew or destroy the puncher.
-    void start(std::vector<Candidate> targets, SteadyTime deadline,
-        std::function<void(std::optional<Candidate>)> completion);
+    void start(const std::vector<Candidate>& newTargets, SteadyTime deadline,
+        std::function<void(std::optional<Candidate>)> newCompletion);
     // One more address to check; at once, when a search runs. Known ones are ignored, and there are never
     // more than 32.
     void add(const Candidate& target);
@@ -47,8 +47,9 @@ private:
 
     void checkAll();
     void check(const SocketAddress& target);
-    void handleAnswer(ByteView datagram, const StunMessage::TransactionID& id, const SocketAddress& source);
-    void answer(ByteView datagram, const SocketAddress& source);
+    void handleAnswer(ByteView datagram, const StunMessage::TransactionID& id, const SocketAddress& source,
+        const PathCredentials& sender);
+    void answer(ByteView datagram, const SocketAddress& source, const PathCredentials& sender);
     void learn(const SocketAddress& source);
     void select(const SocketAddress& address);
     void end();

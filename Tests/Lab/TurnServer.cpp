@@ -40,11 +40,10 @@ std::uint16_t freeUDPPort(const SocketAddress& host)
 
 TurnServer::TurnServer(const Options& options)
 {
-    const auto host = SocketAddress::parse(options.host, options.port);
-    require(host && host->isIPv4(), "a TURN server needs an IPv4 literal");
-    listening = *host;
+    listening = SocketAddress::parse(options.host, options.port).value_or(SocketAddress{});
+    require(listening.text().starts_with(options.host), "a TURN server needs an IPv4 literal");
     for (int attempt = 0; attempt < portAttempts; ++attempt) {
-        if (options.port == 0) listening.port = freeUDPPort(*host);
+        if (options.port == 0) listening.port = freeUDPPort(listening);
         start(options);
         if (waitUntilListening()) return;
     }

@@ -41,9 +41,9 @@ protected:
     {
         return {at.address, std::move(type)};
     }
-    void start(std::vector<Candidate> targets, Duration patience = 10s)
+    void start(const std::vector<Candidate>& targets, Duration patience = 10s)
     {
-        puncher->start(std::move(targets), queues.now() + patience,
+        puncher->start(targets, queues.now() + patience,
             [this](const auto& peer) { note(peer ? "found " + peer->signedText() : "found nothing"); });
     }
     void note(std::string what) { notes.push_back(std::move(what)); }
@@ -221,7 +221,7 @@ TEST_F(PuncherTest, aForgedAnswerUsesItsCheckUp)
 TEST_F(PuncherTest, answersThePeerAndNobodyElse)
 {
     const RawUDP source;
-    const auto signedWith = [&](StunMessage request, std::string_view password) {
+    const auto signedWith = [&](const StunMessage& request, std::string_view password) {
         return request.serialize(bytesOf(password));
     };
     const auto named = [&](const std::string& name) {
@@ -380,8 +380,7 @@ TEST_F(PuncherTest, checksWhatIsAddedAtOnceAndKeepsTheListShort)
     EXPECT_EQ(puncher->checksSent(), 64);
 
     // Addresses that the peer reveals one after another end at the latest.
-    std::vector<Candidate> none;
-    start(none);
+    start({});
     std::vector<std::unique_ptr<RawUDP>> moving;
     for (int i = 0; i < 40; ++i) sendCheck(*moving.emplace_back(std::make_unique<RawUDP>()));
     for (const auto& each : moving) each->receive();
