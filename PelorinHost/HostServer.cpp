@@ -171,6 +171,13 @@ void HostServer::acceptLoopback(std::unique_ptr<Channel> connection)
     addSession(std::move(connection), "本机（测试模式）", nullptr);
 }
 
+void HostServer::acceptRemote(std::unique_ptr<Channel> connection, std::string phoneName)
+{
+    queue->assertCurrent();
+    makeRoom();
+    addSession(std::move(connection), std::move(phoneName), nullptr);
+}
+
 void HostServer::acceptTailnet(std::unique_ptr<Channel> connection)
 {
     const std::string source = connection->remoteAddress();

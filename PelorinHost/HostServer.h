@@ -32,6 +32,9 @@ public:
     // No more connections; every phone is told that it was disconnected here. False when there was none.
     bool stop();
     void accept(std::unique_ptr<Channel> connection); // a new connection, not started
+    // A phone that has proved itself on its way here: it came over a remote path, which its channel
+    // describes.
+    void acceptRemote(std::unique_ptr<Channel> connection, std::string phoneName);
     bool disconnect(); // ends the active session; false when there is none
 
     // What programs ask for.
