@@ -62,6 +62,8 @@ Result<std::unique_ptr<PelorinQUIC::Connection>, NetError> PelorinQUIC::connect(
     if (!endpoint) return std::unexpected(std::move(endpoint).error());
     auto link = QuicLink::connect(std::move(*endpoint), to, checked(std::move(parameters), false));
     auto connection = makeQuicConnection(link);
+    // The socket is this connection's alone. What a peer sends that has lost it bears no ID.
+    link->takeUnknownDatagrams();
     queue->post([link] { link->settle(); }); // the owner sets its callbacks before anything can happen
     return connection;
 }

@@ -9,6 +9,7 @@ namespace pelorin {
 namespace {
 
 constexpr std::size_t roomSize = PelorinQUIC::largestDatagram;
+constexpr std::size_t answerEvery = 32; // datagrams
 constexpr std::size_t roomCount = 48; // what one system call takes, about 64 KiB
 
 // What is left of a connection: its last word, said again to who has not heard it, more and more seldom.
@@ -26,6 +27,7 @@ public:
         nextAnswer *= 2;
         if (!lastWord.empty()) endpoint.send(lastWord, to);
     }
+    void answer() override {}
     void settle() override {}
     void becomeUnreachable(const SocketAddress&) override {}
 
@@ -101,7 +103,10 @@ void QuicEndpoint::received(ByteView datagram, const SocketAddress& source)
         const auto found = receivers.find(QuicConnectionID::of({header.dcid, header.dcidlen}));
         if (const auto receiver = found == receivers.end() ? nullptr : found->second.lock()) {
             receiver->receive(datagram, source);
-            return touch(receiver);
+            touch(receiver);
+            // A batch can be long, and the peer waits to hear how much of it has come.
+            if (++batchSize % answerEvery == 0) receiver->answer();
+            return;
         }
     }
     if (onUnknown) onUnknown(datagram, source, header);
@@ -116,11 +121,9 @@ void QuicEndpoint::touch(std::weak_ptr<QuicReceiver> receiver)
 
 void QuicEndpoint::endBatch()
 {
-    auto self = shared_from_this();
+    const auto self = shared_from_this();
     for (const auto& weak : std::exchange(touched, {}))
         if (const auto receiver = weak.lock()) receiver->settle();
-    // The socket, which calls us, must not go under its own call.
-    if (self.use_count() == 1) queue->post([last = std::move(self)] {});
 }
 
 void QuicEndpoint::becameUnreachable(const SocketAddress& peer)
@@ -130,9 +133,7 @@ void QuicEndpoint::becameUnreachable(const SocketAddress& peer)
             receiver->becomeUnreachable(peer);
             touch(receiver);
         }
-    queue->post([weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->endBatch();
-    });
+    endBatch();
 }
 
 void QuicEndpoint::sayFarewell(

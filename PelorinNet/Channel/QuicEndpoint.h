@@ -29,6 +29,7 @@ class QuicReceiver {
 public:
     virtual ~QuicReceiver() = default;
     virtual void receive(ByteView datagram, const SocketAddress& source) = 0; // calls nobody
+    virtual void answer() = 0; // in the midst of a batch; calls nobody
     virtual void settle() = 0; // after a batch: time to answer, and to call out
     virtual void becomeUnreachable(const SocketAddress& peer) = 0; // the network says so; settle follows
 };
@@ -86,6 +87,7 @@ private:
     const std::unique_ptr<UDPSocket> socket;
     std::unordered_map<QuicConnectionID, std::weak_ptr<QuicReceiver>> receivers;
     std::vector<std::weak_ptr<QuicReceiver>> touched; // since the batch began
+    std::size_t batchSize = 0; // datagrams of connections
     Bytes arena; // datagrams to be flushed
     std::size_t used = 0; // of arena, in datagrams
 };

@@ -17,6 +17,7 @@ constexpr std::uint64_t streamWindow = 4 << 20; // bytes; 280 Mbit/s at 120 ms
 constexpr std::uint64_t connectionWindow = 2 * streamWindow; // what one connection can make us hold
 constexpr std::uint64_t maxPeerStreams = 16; // open at once
 constexpr std::uint64_t maxConnectionIDs = 8; // that we keep of the peer's: each change of path takes one
+constexpr ngtcp2_duration maxLateness = NGTCP2_MILLISECONDS; // of a timer, that is made up for
 constexpr std::size_t maxBurst = 48; // datagrams written before others have their turn
 
 ngtcp2_cc_algo algorithmOf(QuicCongestion congestion)
@@ -172,6 +173,17 @@ void QuicLink::adopt(ngtcp2_conn* made, const QuicConnectionID& id)
     endpoint->add(id, weak_from_this());
 }
 
+void QuicLink::takeUnknownDatagrams()
+{
+    endpoint->onUnknown
+        = [weak = weak_from_this()](ByteView datagram, const SocketAddress& source, const auto&) {
+              const auto self = weak.lock();
+              if (!self) return;
+              self->receive(datagram, source);
+              self->endpoint->touch(self);
+          };
+}
+
 void QuicLink::setOwner(PelorinQUIC::Connection* newOwner, Lifetime::Watch newOwnerAlive)
 {
     owner = newOwner;
@@ -198,6 +210,11 @@ void QuicLink::read(ByteView datagram, const SocketAddress& source)
     const ngtcp2_path view = path.view();
     const ngtcp2_pkt_info info{};
     fault = ngtcp2_conn_read_pkt(connection.get(), &view, &info, datagram.data(), datagram.size(), now());
+}
+
+void QuicLink::answer()
+{
+    if (fault == 0) write();
 }
 
 void QuicLink::settle()
@@ -253,6 +270,10 @@ void QuicLink::write()
     ngtcp2_path_storage path;
     ngtcp2_path_storage_zero(&path);
     bool hasSent = false;
+    // A burst counts from when it was due, so that late timers don't slow the stream down.
+    const ngtcp2_tstamp current = now();
+    const ngtcp2_tstamp burstTime
+        = std::clamp(ngtcp2_conn_get_expiry(connection.get()), current - maxLateness, current);
     for (std::size_t left = std::clamp<std::size_t>(quantum / datagram, 1, maxBurst); left > 0; --left) {
         QuicStream* const stream = nextToWrite();
         const ngtcp2_ssize size = writePacket(stream, endpoint->room(), path);
@@ -267,7 +288,7 @@ void QuicLink::write()
     }
     // Not before: it would hold back the second flight of the handshake.
     if (hasSent && ngtcp2_conn_get_handshake_completed(connection.get()))
-        ngtcp2_conn_update_pkt_tx_time(connection.get(), now());
+        ngtcp2_conn_update_pkt_tx_time(connection.get(), burstTime);
     endpoint->flush();
     for (auto& [id, stream] : streams) stream->isBlocked = false;
     armTimer();
@@ -324,12 +345,14 @@ ngtcp2_ssize QuicLink::writePacket(
 void QuicLink::armTimer()
 {
     if (!connection) return;
-    const ngtcp2_tstamp expiry = ngtcp2_conn_get_expiry(connection.get());
-    if (expiry == UINT64_MAX) return timer.cancel();
-    const SteadyTime due{std::chrono::nanoseconds(expiry)};
-    if (timer && timerDue <= due) return;
     constexpr Duration shortest = std::chrono::microseconds(1); // never the same instant over and over
+    constexpr Duration untilClaimed = std::chrono::milliseconds(20);
     const SteadyTime current = queue()->now();
+    const ngtcp2_tstamp expiry = ngtcp2_conn_get_expiry(connection.get());
+    SteadyTime due = expiry == UINT64_MAX ? SteadyTime::max() : SteadyTime(std::chrono::nanoseconds(expiry));
+    if (!unclaimed.empty()) due = std::min(due, current + untilClaimed);
+    if (due == SteadyTime::max()) return timer.cancel();
+    if (timer && timerDue <= due) return;
     timerDue = std::max(due, current + shortest);
     timer = queue()->after(timerDue - current, [this] { timerFired(); });
 }

@@ -24,11 +24,14 @@ public:
         const ngtcp2_pkt_hd& header, std::shared_ptr<const QuicParameters> parameters);
     ~QuicLink() override;
 
+    void takeUnknownDatagrams(); // of the endpoint, on which nobody else is
+
     // Who is told; its callbacks may be set at any time.
     void setOwner(PelorinQUIC::Connection* newOwner, Lifetime::Watch newOwnerAlive);
     std::function<void()> onHandshakeEnd; // in place of an owner: it is ready, or closed
 
     void receive(ByteView datagram, const SocketAddress& source) override;
+    void answer() override;
     void settle() override;
     void becomeUnreachable(const SocketAddress& peer) override;
     void close(); // at once, in order; the owner is not told
@@ -88,6 +91,7 @@ private:
     void timerFired();
 
     void openWaiting();
+    void tellPeer(const QuicStream& stream);
     void reportStreams();
     void report(const StreamRef& stream);
     void credit(QuicStream& stream, std::uint64_t count);

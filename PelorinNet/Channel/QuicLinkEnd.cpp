@@ -38,6 +38,7 @@ void QuicLink::stopBecause(int code)
         failed(text, Goodbye::lastWord);
         ngtcp2_connection_close_error_set_transport_error_tls_alert(&farewell.lastWord, alert, nullptr, 0);
     };
+    ngtcp2_connection_close_error_set_transport_error_liberr(&farewell.lastWord, code, nullptr, 0);
     const std::uint8_t alert = ngtcp2_conn_get_tls_alert(connection.get());
     switch (code) {
     case NGTCP2_ERR_DRAINING:
@@ -48,7 +49,7 @@ void QuicLink::stopBecause(int code)
         failed("the peer was silent for 15 s", Goodbye::none);
         break;
     case NGTCP2_ERR_HANDSHAKE_TIMEOUT:
-        failed("it took longer than 10 s", Goodbye::none);
+        failed("it took longer than 10 s", Goodbye::lastWord); // a peer may think it is done
         break;
     case NGTCP2_ERR_NO_VIABLE_PATH:
         failed("nobody listens there", Goodbye::none);
@@ -68,7 +69,6 @@ void QuicLink::stopBecause(int code)
         break;
     default:
         failed(ngtcp2_strerror(code), Goodbye::lastWord);
-        ngtcp2_connection_close_error_set_transport_error_liberr(&farewell.lastWord, code, nullptr, 0);
     }
     stop(farewell);
 }

@@ -39,6 +39,7 @@ void QuicLink::openWaiting()
         waiting.pop_front();
         streams.emplace(stream->id, stream);
         keepAliveWhileNeeded();
+        tellPeer(*stream);
         if (stream->ignoresInput) stopReading(*stream);
     }
 }
@@ -63,11 +64,18 @@ void QuicLink::attach(
     stream->channelQueue = std::move(channelQueue);
     stream->channel = channel;
     stream->channelAlive = alive;
-    if (ready)
-        stream->channelQueue->post([channel, alive, fingerprint = *peerFingerprint()]() mutable {
-            if (alive) channel->provePeer(std::move(fingerprint));
-        });
+    tellPeer(*stream);
     report(stream);
+}
+
+void QuicLink::tellPeer(const QuicStream& stream)
+{
+    const auto fingerprint = peerFingerprint();
+    if (!fingerprint || !stream.channel) return;
+    stream.channelQueue->post(
+        [channel = stream.channel, alive = *stream.channelAlive, peer = *fingerprint]() mutable {
+            if (alive) channel->provePeer(std::move(peer));
+        });
 }
 
 void QuicLink::send(const StreamRef& stream, std::vector<Bytes> parts)

@@ -43,7 +43,7 @@ public:
     const bool isServer;
     const SecretBytes resetKey;
     std::string applicationProtocol = PelorinQUIC::alpn; // none when empty, which our own ends never are
-    QuicCongestion congestion = QuicCongestion::bbr2;
+    QuicCongestion congestion = QuicCongestion::bbr;
 
 private:
     const QueueRef verifyQueue;
