@@ -12,6 +12,19 @@ constexpr std::uint16_t relayPort = 3478;
 // The same network in every home, as in most homes.
 constexpr const char* routerAddress = "192.168.1.1";
 
+constexpr const char* forwarding = "echo 1 >/proc/sys/net/ipv4/ip_forward\n";
+
+// Commands of ip, all run by one program.
+std::string batch(const std::string& commands)
+{
+    return "ip -batch - <<END\n" + commands + "\nEND\n";
+}
+
+std::string load(const NatRules& rules)
+{
+    return "nft -f - <<END\n" + rules.text() + "END\n";
+}
+
 std::string outerAddressOf(int number)
 {
     return fmt::format("203.0.113.{}", number);
@@ -21,11 +34,11 @@ std::string outerAddressOf(int number)
 
 NatLab::NatLab()
 {
-    std::string script = "sysctl -q net.ipv4.ip_forward=1";
+    std::string addresses;
     for (int i = 0; i < relayCount; ++i)
-        script += fmt::format("\nip address add {}/32 dev lo", relayAddress(i).hostText());
-    for (const char* stranger : strangers) script += fmt::format("\nip address add {}/32 dev lo", stranger);
-    middle.configure(script);
+        addresses += fmt::format("address add {}/32 dev lo\n", relayAddress(i).hostText());
+    for (const char* stranger : strangers) addresses += fmt::format("address add {}/32 dev lo\n", stranger);
+    middle.configure(forwarding + batch(addresses));
     for (int i = 0; i < relayCount; ++i) startRelay(i);
 }
 
@@ -80,25 +93,22 @@ NatLab::Site::Site(const NetworkNamespace& internet, NatKind kind, int number)
       rules{.kind = kind, .outerAddress = outerAddressOf(2 * number + 10), .innerAddress = "192.168.1.2"},
       spareAddress(outerAddressOf(2 * number + 11))
 {
-    internet.configure(fmt::format("ip route add {}/32 dev site{}\nip route add {}/32 dev site{}",
-        rules.outerAddress, number, spareAddress, number));
-    gateway.configure(fmt::format(R"(sysctl -q net.ipv4.ip_forward=1
-ip link add lan type bridge
-ip address add {}/24 dev lan
-ip link set lan up
-ip route add default dev wan)",
-        routerAddress));
-    if (kind != NatKind::none) gateway.configure("ip address add " + rules.outerAddress + "/32 dev wan");
-    apply();
+    internet.configure(batch(fmt::format("route add {}/32 dev site{}\nroute add {}/32 dev site{}",
+        rules.outerAddress, number, spareAddress, number)));
+    std::string commands = fmt::format(R"(link add lan type bridge
+address add {}/24 dev lan
+link set lan up
+route add default dev wan
+)",
+        routerAddress);
+    if (kind != NatKind::none) commands += "address add " + rules.outerAddress + "/32 dev wan";
+    gateway.configure(forwarding + batch(commands) + load(rules));
 }
 
 // Rules, what they have learnt, and what is tracked go together.
 void NatLab::Site::apply() const
 {
-    const TemporaryFolder folder;
-    const auto file = folder.path() / "rules";
-    write(file, rules.text());
-    gateway.configure("nft -f " + file.string() + "\nconntrack -F");
+    gateway.configure(load(rules) + "conntrack -F");
 }
 
 void NatLab::Site::forgetMappings()
@@ -128,13 +138,14 @@ NatLab::Machine& NatLab::addMachine(Site& site)
     require(number == 0 || !isPublic, "a site without a NAT has one address");
     const auto address = isPublic ? site.outerAddress() : fmt::format("192.168.1.{}", number + 2);
     Machine& machine = *machines.emplace_back(new Machine{site, address, {}});
-    site.gateway.configure(fmt::format("ip link add lan{0} type veth peer name eth0 netns {1}\n"
-                                       "ip link set lan{0} master lan up",
-        number, machine.network.path()));
-    if (isPublic) site.gateway.configure("ip route add " + address + "/32 dev lan");
-    machine.network.configure(fmt::format("ip address add {}/{} dev eth0\nip link set eth0 up\n"
-                                          "ip route add default via {} dev eth0 onlink",
-        address, isPublic ? 32 : 24, routerAddress));
+    std::string plug = fmt::format("link add lan{0} type veth peer name eth0 netns {1}\n"
+                                   "link set lan{0} master lan up\n",
+        number, machine.network.path());
+    if (isPublic) plug += "route add " + address + "/32 dev lan";
+    site.gateway.configure(batch(plug));
+    machine.network.configure(batch(fmt::format("address add {}/{} dev eth0\nlink set eth0 up\n"
+                                                "route add default via {} dev eth0 onlink",
+        address, isPublic ? 32 : 24, routerAddress)));
     return machine;
 }
 

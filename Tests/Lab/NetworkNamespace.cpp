@@ -6,7 +6,10 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -20,6 +23,16 @@ void onThread(const std::function<void()>& work)
 }
 
 } // namespace
+
+void NetworkNamespace::raise(const std::string& device)
+{
+    const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request{};
+    device.copy(request.ifr_name, IFNAMSIZ - 1);
+    request.ifr_flags = IFF_UP;
+    require(ioctl(control, SIOCSIFFLAGS, &request) == 0, "a network device");
+    close(control);
+}
 
 std::optional<std::string> NetworkNamespace::refusal()
 {
@@ -39,8 +52,8 @@ NetworkNamespace::NetworkNamespace()
         require(unshare(CLONE_NEWNET) == 0, "a network namespace");
         fd = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
         require(fd >= 0, "a network namespace's file");
+        raise("lo");
     });
-    configure("ip link set lo up");
 }
 
 NetworkNamespace::~NetworkNamespace()

@@ -27,6 +27,7 @@ public:
     void configure(const std::string& script) const;
     // On a thread that is there. Sockets and devices made in it stay there.
     void run(const std::function<void()>& work) const;
+    static void raise(const std::string& device); // of the calling thread's network: sets it up
 
 private:
     int fd = -1;

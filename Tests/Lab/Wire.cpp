@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/if.h>
 #include <linux/if_tun.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -33,8 +33,8 @@ int openDevice(const Wire::Plug& plug)
         std::strncpy(request.ifr_name, plug.device.c_str(), IFNAMSIZ - 1);
         request.ifr_flags = IFF_TUN | IFF_NO_PI;
         require(fd >= 0 && ioctl(fd, TUNSETIFF, &request) == 0, "a tunnel device");
+        NetworkNamespace::raise(plug.device);
     });
-    plug.network.configure("ip link set " + plug.device + " up txqueuelen 5000");
     return fd;
 }
 
