@@ -95,6 +95,7 @@ void QuicEndpoint::remove(const QuicConnectionID& id)
 
 void QuicEndpoint::received(ByteView datagram, const SocketAddress& source)
 {
+    if (datagram.empty()) return; // at which the library would stop the program
     ngtcp2_version_cid header{};
     const int decoded
         = ngtcp2_pkt_decode_version_cid(&header, datagram.data(), datagram.size(), QuicConnectionID::ownSize);

@@ -375,6 +375,9 @@ void QuicLink::resetCongestion()
         && ngtcp2_conn_initiate_immediate_migration(connection.get(), &view, now()) != 0)
         return;
     ++pathEpoch;
+    // Something to say there at once: what was lost on the old path would wait for its own timers.
+    for (const auto& [id, stream] : streams)
+        if (!stream->isShut && !stream->isOver && !stream->isFinishing) stream->isAnnounced = false;
     settle();
 }
 
