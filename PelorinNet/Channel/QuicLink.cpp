@@ -153,7 +153,8 @@ std::shared_ptr<QuicLink> QuicLink::accept(std::shared_ptr<QuicEndpoint> endpoin
 
 QuicLink::QuicLink(std::shared_ptr<QuicEndpoint> newEndpoint, const SocketAddress& newRemote,
     std::shared_ptr<const QuicParameters> newParameters)
-    : endpoint(std::move(newEndpoint)),
+    : home(newEndpoint->queue),
+      endpoint(std::move(newEndpoint)),
       parameters(std::move(newParameters)),
       remote(newRemote),
       tls(parameters)
@@ -162,7 +163,7 @@ QuicLink::QuicLink(std::shared_ptr<QuicEndpoint> newEndpoint, const SocketAddres
 
 QuicLink::~QuicLink()
 {
-    for (const auto& id : ids) endpoint->remove(id);
+    for (const auto& id : ids) endpoint->remove(id); // none, but when the queues were stopped first
 }
 
 void QuicLink::adopt(ngtcp2_conn* made, const QuicConnectionID& id)
@@ -178,7 +179,7 @@ void QuicLink::takeUnknownDatagrams()
     endpoint->onUnknown
         = [weak = weak_from_this()](ByteView datagram, const SocketAddress& source, const auto&) {
               const auto self = weak.lock();
-              if (!self) return;
+              if (!self || !self->connection) return;
               self->receive(datagram, source);
               self->endpoint->touch(self);
           };
@@ -193,7 +194,7 @@ void QuicLink::setOwner(PelorinQUIC::Connection* newOwner, Lifetime::Watch newOw
 
 ngtcp2_tstamp QuicLink::now() const
 {
-    return durationOf(endpoint->queue->now().time_since_epoch());
+    return durationOf(home->now().time_since_epoch());
 }
 
 void QuicLink::receive(ByteView datagram, const SocketAddress& source)

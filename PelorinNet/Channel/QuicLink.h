@@ -42,7 +42,7 @@ public:
     const SocketAddress& remoteAddress() const { return remote; }
     std::optional<Bytes> peerFingerprint() const;
     Duration smoothedRtt() const;
-    const QueueRef& queue() const { return endpoint->queue; }
+    const QueueRef& queue() const { return home; }
 
     // The channels' side. Each stream's channel ends with finish or abandon, once.
     std::unique_ptr<Channel> openStream();
@@ -107,7 +107,8 @@ private:
     Bytes sayLastWord(const Farewell& farewell);
     std::optional<NetError> peersWord() const;
 
-    const std::shared_ptr<QuicEndpoint> endpoint;
+    const QueueRef home;
+    std::shared_ptr<QuicEndpoint> endpoint; // while it is open
     const std::shared_ptr<const QuicParameters> parameters;
     SocketAddress remote;
     std::uint64_t pathEpoch = 0; // told to the library as part of addresses: another one is another path

@@ -2,6 +2,7 @@
 #include "PelorinNet/Channel/QuicLink.h"
 
 #include <fmt/format.h>
+#include <utility>
 
 namespace pelorin {
 namespace {
@@ -110,6 +111,8 @@ void QuicLink::stop(const Farewell& farewell)
     unclaimed.clear();
     suspended.reset();
     connection.reset();
+    // Channels keep us on other queues, and the socket is this one's; it may just be calling us, too.
+    home->post([released = std::exchange(endpoint, nullptr)] {});
 }
 
 Bytes QuicLink::sayLastWord(const Farewell& farewell)

@@ -1,4 +1,5 @@
 // Connections and their streams over lines of all kinds, to peers of all kinds.
+#include "Tests/PelorinNet/QueueHarness.h"
 #include "Tests/PelorinNet/QuicPeers.h"
 
 #include <gmock/gmock.h>
@@ -336,4 +337,45 @@ TEST_F(QuicConnections, mayBelongToWhatTheyDrop)
     hosts.clear(); // takes the connection with it
     queues.runReady();
     EXPECT_EQ(captured.use_count(), 1);
+}
+
+TEST(QuicChannels, mayOutliveTheirConnectionOnAnotherQueue)
+{
+    PoolHarness harness;
+    const QueueRef home = harness.makeQueue("home"), session = harness.makeQueue("session");
+    const auto identity = makeQuicIdentity("both");
+    const auto acceptAll = [](const Bytes&) { return true; };
+    std::unique_ptr<PelorinQUIC::Listener> listener;
+    std::vector<std::unique_ptr<PelorinQUIC::Connection>> hosts;
+    harness.runOn(home, [&] {
+        listener = PelorinQUIC::Listener::listen(
+            home, "127.0.0.1", 0, PelorinQUIC::parameters(harness.pool, *identity, true, acceptAll))
+                       .value();
+        listener->onConnection = [&](auto made) { hosts.push_back(std::move(made)); };
+    });
+    for (std::size_t i = 0; i < 50; ++i) {
+        std::unique_ptr<PelorinQUIC::Connection> connection;
+        std::unique_ptr<Channel> channel;
+        std::optional<std::string> closed;
+        harness.runOn(home, [&] {
+            connection = PelorinQUIC::connect(home, loopbackAddress(listener->port()),
+                PelorinQUIC::parameters(harness.pool, *identity, false, acceptAll))
+                             .value();
+            channel = connection->openStream();
+        });
+        harness.runOn(session, [&] {
+            channel->onClosed = [&](auto error) { closed = error ? error->description : "in order"; };
+            channel->start(session);
+            channel->send(Bytes(100'000));
+        });
+        EXPECT_TRUE(i % 2 == 0 || harness.waitUntil(home, [&] { return hosts.size() > i / 2; }));
+        harness.runOn(home, [&] { connection.reset(); });
+        EXPECT_TRUE(i % 3 == 0
+            || harness.waitUntil(session, [&] { return closed == "QUIC: the connection was closed"; }));
+        harness.runOn(session, [&] { channel.reset(); }); // in a race with what home still does for it
+    }
+    harness.runOn(home, [&] {
+        hosts.clear();
+        listener.reset();
+    });
 }
