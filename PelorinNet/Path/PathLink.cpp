@@ -13,7 +13,7 @@ constexpr std::size_t maxUnanswered = 16; // answers that come later than so man
 
 constexpr Duration shortestPatience = 150ms; // a busy machine answers late
 constexpr Duration firstPatience = 1s; // before the round trip is known
-constexpr Duration urgently = 100ms;
+constexpr Duration urgently = 50ms;
 
 } // namespace
 

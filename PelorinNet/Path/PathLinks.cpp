@@ -9,7 +9,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t maxLinks = 32;
-constexpr Duration tickPeriod = 100ms;
+constexpr Duration tickPeriod = 50ms;
 constexpr Duration shortestSilence
     = 200ms; // what an answer from a living peer may take, delayed acknowledgement included
 
@@ -24,7 +24,8 @@ std::optional<StunMessage::TransactionID> transactionOf(ByteView datagram)
 
 bool isBetter(const PathLink& one, const PathLink& other)
 {
-    return std::tuple(one.kind(), one.rtt()) < std::tuple(other.kind(), other.rtt());
+    return std::tuple(one.hasMissed(), one.kind(), one.rtt())
+        < std::tuple(other.hasMissed(), other.kind(), other.rtt());
 }
 
 } // namespace
@@ -59,8 +60,18 @@ void PathLinks::proved(const DatagramProxy::Path& way)
     queue->assertCurrent();
     PathLink* link = find(way);
     if (!link) return;
+    const bool wasStanding = link->isStanding();
     link->proved(queue->now());
+    stands(way, wasStanding);
+}
+
+void PathLinks::stands(const DatagramProxy::Path& way, bool wasStanding)
+{
+    const bool isBack = !wasStanding && proxy.path == way;
+    const auto alive = lifetime.watch();
     choose();
+    // QUIC waits longer after each packet that is lost, and would notice seconds later.
+    if (alive && isBack && proxy.path == way && onChosen) onChosen(PathLink(*find(way)));
 }
 
 void PathLinks::removeRelay(const TurnClient& turn)
@@ -112,9 +123,10 @@ bool PathLinks::handleAnswer(ByteView datagram, const DatagramProxy::Path& over)
     const auto link = std::ranges::find_if(links, [&](const PathLink& each) { return each.isAwaiting(*id); });
     if (link == links.end()) return false;
     if (!(link->way() == over) || !ConnectivityCheck::isAnswer(datagram, *remote)) return true;
+    const bool wasStanding = link->isStanding();
     link->answered(*id, queue->now());
     if (!over.turn) proxy.validatedPeers.insert(over.address);
-    choose();
+    stands(over, wasStanding);
     return true;
 }
 
@@ -197,7 +209,11 @@ void PathLinks::suspectSilence(SteadyTime now)
     if (!traffic.lastSent || *traffic.lastSent < link.lastAnswered()) return;
     const SteadyTime heard = std::max(traffic.lastReceived.value_or(SteadyTime{}), chosenAt);
     if (*traffic.lastSent < heard) return;
-    if (now - heard > std::max(shortestSilence, 2 * link.rtt())) link.suspect(now);
+    if (now - heard <= std::max(shortestSilence, 2 * link.rtt()) || link.isSuspected()) return;
+    // Whatever took it away may have taken others, and there is no time to find that out one by one.
+    for (PathLink& each : links)
+        if (each.isStanding()) each.suspect(now);
+    if (onSilence) onSilence();
 }
 
 void PathLinks::check(PathLink& link, SteadyTime now)
@@ -231,10 +247,13 @@ const PathLink* PathLinks::bestChoice(SteadyTime now) const
     // The peer has left it, and there is a first sign that it knew why.
     if (current->hasMissed() && peerChoice)
         if (const PathLink* theirs = find(*peerChoice); theirs && theirs->isStanding()) return theirs;
-    // A path that works is left only for a direct one.
+    // A path that works is left only for a direct one; one that was taken when another fell, and may be dead
+    // as well, for the first direct one that shows.
     if (current->kind() == PathLink::Kind::direct) return current;
+    const bool hasShownLife = current->lastAnswered() >= chosenAt;
     for (const PathLink& link : links)
-        if (link.kind() == PathLink::Kind::direct && link.isProven()) return &link;
+        if (link.kind() == PathLink::Kind::direct && (hasShownLife ? link.isProven() : link.isStanding()))
+            return &link;
     return current;
 }
 

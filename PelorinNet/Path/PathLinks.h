@@ -13,10 +13,12 @@ class PathLinks {
 public:
     PathLinks(DatagramProxy& newProxy, QueueRef newQueue, PathCredentials newLocal);
 
-    // The first choice, and every change of it. May destroy us.
+    // The first choice, every change of it, and that the chosen one is back after it fell with no other to
+    // take its place. May destroy us.
     std::function<void(const PathLink& chosen)> onChosen;
     std::function<void(const PathLink& fallen)>
         onFell; // stood, and does no more; chosen or not; another has been chosen by then
+    std::function<void()> onSilence; // nothing comes back over the chosen one, which has not fallen yet
 
     // Checks begin. Before relayFrom no relayed way is chosen: a direct one may be as quick.
     void start(PathCredentials remote, SteadyTime relayFrom);
@@ -42,6 +44,7 @@ public:
     bool hasStandingThrough(const TurnClient& turn) const;
 
 private:
+    void stands(const DatagramProxy::Path& way, bool wasStanding);
     void tick();
     void expireChecks(SteadyTime now);
     void suspectSilence(SteadyTime now);

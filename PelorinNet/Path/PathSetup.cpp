@@ -76,6 +76,10 @@ Result<void, NetError> PathSetup::open()
     proxy->onArrivalPathChange = [this](const DatagramProxy::Path& over) { links->arrivalPathChanged(over); };
     puncher->onPeerCheck = [this](const SocketAddress& source) { peerChecked(source); };
     links->onChosen = [this](const PathLink& link) { chosen(link); };
+    // A NAT that forgets us breaks what our relays have for us as well, without a word.
+    links->onSilence = [this] {
+        for (const auto& relay : relays) relay->distrust();
+    };
     links->onFell = [this](const PathLink& link) { fell(link); };
 
     if (!switches.forceTurn) {

@@ -132,12 +132,15 @@ void Relay::refresh()
 
 void Relay::lose(const std::string& why)
 {
+    log.info("relay {}: {}", server.host, why);
     proxy.remove(*turn);
     const auto alive = lifetime.watch();
     if (onLost) onLost(*turn);
     if (!alive) return;
     turn.reset();
-    failed(why);
+    rebinding.cancel();
+    // It was in order until now: most likely our own network has changed, and the path waits.
+    timer = queue->after(Duration{}, [this] { look(); });
 }
 
 void Relay::failed(const std::string& why)

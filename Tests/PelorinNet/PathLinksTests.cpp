@@ -168,6 +168,36 @@ TEST_F(PathLinksTest, leavesAPathThatDiesUnderTrafficWithinASecond)
     }
 }
 
+TEST_F(PathLinksTest, findsAtOnceTheOneThatLivesAmongManyThatDieTogether)
+{
+    start();
+    join(relay, Kind::oneRelay, "relay"); // better than the other one
+    join(otherRelay, Kind::twoRelays, "other relay");
+    join(street, Kind::direct, "direct");
+    longestSilence(1s);
+    int silences = 0;
+    ends[0].links.onSilence = [&] { ++silences; };
+    for (const int side : {0, 1}) takeStory(side);
+    street.isCut = relay.isCut = true;
+    EXPECT_LE(longestSilence(3s), 700ms);
+    EXPECT_THAT(takeStory(0), testing::UnorderedElementsAre("direct fell", "relay fell", "other relay"));
+    EXPECT_EQ(silences, 1);
+}
+
+TEST_F(PathLinksTest, tellsThatItsOnlyPathIsBack)
+{
+    start();
+    join(street, Kind::direct, "direct");
+    longestSilence(1s);
+    for (const int side : {0, 1}) takeStory(side);
+    street.isCut = true;
+    longestSilence(5s);
+    EXPECT_THAT(takeStory(0), ElementsAre("direct fell"));
+    street.isCut = false;
+    longestSilence(300ms);
+    for (const int side : {0, 1}) EXPECT_THAT(ends[side].story, Contains("direct"));
+}
+
 TEST_F(PathLinksTest, noticesWithinSecondsThatAnIdlePathIsDead)
 {
     start();
