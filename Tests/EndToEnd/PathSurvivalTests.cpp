@@ -1,0 +1,144 @@
+#include "Tests/Lab/PathPair.h"
+#include "Tests/Lab/Wait.h"
+
+#include <gmock/gmock.h>
+
+// A session's traffic, in both directions, while its path is taken away or drowned.
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using lab::NatKind;
+using lab::NatLab;
+using lab::PathPair;
+using testing::AllOf;
+using testing::Not;
+using testing::StartsWith;
+using Clock = PathPair::Clock;
+using Role = lab::PathEnd::Role;
+using enum NatKind;
+
+constexpr lab::Wire::Quality distance{.delay = 20ms}; // 40 ms there and back to every server
+constexpr auto longestInterruption = 1000ms;
+constexpr auto observation = 2000ms;
+
+// Runs each on a thread of its own; most of their time is waiting.
+void atOnce(const std::vector<std::function<void()>>& works)
+{
+    std::vector<std::jthread> threads;
+    for (const auto& work : works) threads.emplace_back(work);
+}
+
+std::string reportsOf(PathPair& pair)
+{
+    return "host:\n" + pair.log(Role::host) + "phone:\n" + pair.log(Role::phone);
+}
+
+void expectSameConnection(PathPair& pair)
+{
+    for (const Role role : {Role::host, Role::phone})
+        EXPECT_FALSE(pair.has(role, "closed")) << pair.log(role);
+    EXPECT_FALSE(pair.isBroken());
+}
+
+void loseRelay(void (NatLab::*lose)(int))
+{
+    NatLab lab;
+    PathPair pair(lab.addMachine(symmetric), lab.addMachine(symmetric));
+    lab.setQuality(distance);
+    ASSERT_TRUE(pair.carriesFrames()) << reportsOf(pair);
+    ASSERT_THAT(pair.label(Role::phone), StartsWith("relay 192.0.2.1"));
+    // The backup stands a round trip after its channels.
+    const auto channels = [&] {
+        const auto log = lab.relay(1).log();
+        int count = 0;
+        for (std::size_t at = 0; (at = log.find("CHANNEL_BIND processed, success", at)) != log.npos; ++at)
+            ++count;
+        return count;
+    };
+    ASSERT_TRUE(lab::eventually([&] { return channels() >= 2; })) << lab.relay(1).log();
+    pair.longestGapSince(Clock::now(), 300ms);
+
+    const auto moment = Clock::now();
+    (lab.*lose)(0);
+    EXPECT_LE(pair.longestGapSince(moment, observation), longestInterruption) << reportsOf(pair);
+    EXPECT_THAT(pair.label(Role::host), StartsWith("relay 192.0.2.2"));
+    EXPECT_THAT(pair.label(Role::phone), StartsWith("relay 192.0.2.2"));
+    expectSameConnection(pair);
+}
+
+TEST(PathSurvival, aRelayThatDiesOrFallsSilentCostsLessThanASecond)
+{
+    PELORIN_SKIP_WITHOUT_NETWORKS();
+    atOnce({[] { loseRelay(&NatLab::killRelay); }, [] { loseRelay(&NatLab::freezeRelay); }});
+}
+
+TEST(PathSurvival, aRouterThatForgetsOrMovesCostsLessThanASecond)
+{
+    PELORIN_SKIP_WITHOUT_NETWORKS();
+    using Change = void (NatLab::Site::*)();
+    constexpr Change rebinding = &NatLab::Site::forgetMappings;
+    constexpr Change renumbering = &NatLab::Site::changeOuterAddress;
+    const struct {
+        NatKind host, phone;
+        Role changed;
+        Change change;
+    } rows[] = {
+        {portRestricted, portRestricted, Role::phone, rebinding},
+        {portRestricted, portRestricted, Role::host, rebinding},
+        {fullCone, symmetric, Role::phone, rebinding},
+        {symmetric, portRestricted, Role::phone, rebinding},
+        {portRestricted, addressRestricted, Role::phone, renumbering},
+        {portRestricted, portRestricted, Role::host, renumbering},
+        {oneToOne, symmetric, Role::host, renumbering},
+        {symmetric, symmetric, Role::phone, renumbering},
+    };
+    NatLab lab;
+    std::vector<std::function<void()>> works;
+    for (const auto& row : rows) {
+        const NatLab::Machine& host = lab.addMachine(row.host);
+        const NatLab::Machine& phone = lab.addMachine(row.phone);
+        works.emplace_back([row, &host, &phone] {
+            PathPair pair(host, phone);
+            ASSERT_TRUE(pair.carriesFrames()) << reportsOf(pair);
+            pair.longestGapSince(Clock::now(), 500ms); // a backup relay is there
+            const auto moment = Clock::now();
+            ((row.changed == Role::host ? host : phone).site.*row.change)();
+            EXPECT_LE(pair.longestGapSince(moment, observation), longestInterruption) << nameOf(
+                row.host) << " and " << nameOf(row.phone) << "\n" << reportsOf(pair);
+            expectSameConnection(pair);
+        });
+    }
+    lab.setQuality(distance);
+    atOnce(works);
+}
+
+TEST(PathSurvival, fiveSecondsOfSilenceAreOutlived)
+{
+    PELORIN_SKIP_WITHOUT_NETWORKS();
+    NatLab lab;
+    std::vector<std::function<void()>> works;
+    for (const auto& [hostKind, phoneKind] :
+        {std::pair(fullCone, portRestricted), std::pair(symmetric, symmetric)}) {
+        NatLab::Machine& host = lab.addMachine(hostKind);
+        const NatLab::Machine& phone = lab.addMachine(phoneKind);
+        works.emplace_back([&host, &phone] {
+            PathPair pair(host, phone);
+            ASSERT_TRUE(pair.carriesFrames()) << reportsOf(pair);
+            pair.longestGapSince(Clock::now(), 300ms);
+            host.site.wire().cut(true);
+            pair.longestGapSince(Clock::now(), 5000ms);
+            const auto back = Clock::now();
+            host.site.wire().cut(false);
+            const auto gap = pair.longestGapSince(back, observation);
+            EXPECT_GE(gap, 4900ms) << reportsOf(pair);
+            EXPECT_LE(gap, 5000ms + 2 * longestInterruption) << reportsOf(pair);
+            expectSameConnection(pair);
+        });
+    }
+    lab.setQuality(distance);
+    atOnce(works);
+}
+
+} // namespace
+} // namespace pelorin
