@@ -10,7 +10,7 @@ class QuicConnection final : public PelorinQUIC::Connection {
 public:
     explicit QuicConnection(std::shared_ptr<QuicLink> newLink) : link(std::move(newLink))
     {
-        link->setOwner(this, lifetime.watch());
+        link->setOwner(*this, lifetime.watch());
     }
     ~QuicConnection() override { link->close(); }
 
@@ -58,13 +58,14 @@ Result<std::unique_ptr<PelorinQUIC::Connection>, NetError> PelorinQUIC::connect(
     QueueRef queue, const SocketAddress& to, std::shared_ptr<const Parameters> parameters)
 {
     queue->assertCurrent();
-    auto endpoint = QuicEndpoint::open(queue, "127.0.0.1", 0);
+    auto endpoint = QuicEndpoint::open(std::move(queue), "127.0.0.1", 0);
     if (!endpoint) return std::unexpected(std::move(endpoint).error());
     auto link = QuicLink::connect(std::move(*endpoint), to, checked(std::move(parameters), false));
     auto connection = makeQuicConnection(link);
     // The socket is this connection's alone. What a peer sends that has lost it bears no ID.
     link->takeUnknownDatagrams();
-    queue->post([link] { link->settle(); }); // the owner sets its callbacks before anything can happen
+    link->queue()->post(
+        [link] { link->settle(); }); // the owner sets its callbacks before anything can happen
     return connection;
 }
 

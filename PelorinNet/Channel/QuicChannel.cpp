@@ -26,8 +26,8 @@ void QuicChannel::start(QueueRef newQueue)
     queue = std::move(newQueue);
     queue->assertCurrent();
     isOpen = true;
-    tell([queue = queue, channel = this, alive = lifetime.watch()](
-             QuicLink& home, const auto& ours) { home.attach(ours, queue, channel, alive); });
+    tell([attached = QuicStream::Attached{this, queue, lifetime.watch()}](
+             QuicLink& home, const auto& ours) { home.attach(ours, attached); });
 }
 
 void QuicChannel::send(std::vector<Bytes> parts, Task onSent)

@@ -61,7 +61,6 @@ public:
     void add(const QuicConnectionID& id, std::weak_ptr<QuicReceiver> receiver);
     void remove(const QuicConnectionID& id);
     void touch(std::weak_ptr<QuicReceiver> receiver); // lets it settle with the batch that arrives
-    bool knows(const QuicConnectionID& id) const { return receivers.contains(id); }
 
     // Answers, for a while, what still arrives for a connection that is gone: with its last word, or with
     // silence where that is empty.

@@ -2,12 +2,9 @@
 
 #include "PelorinNet/Channel/CallOut.h"
 #include "PelorinNet/Channel/QuicCallbacks.h"
+#include "PelorinNet/Channel/QuicPath.h"
 
 #include <algorithm>
-#include <cstring>
-#include <fmt/format.h>
-#include <gnutls/crypto.h>
-#include <netinet/in.h>
 
 namespace pelorin {
 namespace {
@@ -37,41 +34,6 @@ ngtcp2_duration durationOf(Duration duration)
 {
     return ngtcp2_duration(std::chrono::nanoseconds(duration).count());
 }
-
-// An address as the library gets it: of IPv6, with the number of the path before the real address. So a new
-// path shows where the address does not, and the way back to the real address is plain.
-struct PathAddress {
-    PathAddress(const SocketAddress& real, std::uint64_t pathEpoch)
-    {
-        address.sin6_family = AF_INET6;
-        address.sin6_port = htons(real.port);
-        std::memcpy(address.sin6_addr.s6_addr, &pathEpoch, sizeof pathEpoch);
-        const ByteView host = real.host();
-        require(host.size() == 4, "QUIC runs over IPv4");
-        std::ranges::copy(host, address.sin6_addr.s6_addr + 12);
-    }
-    static SocketAddress realOf(const ngtcp2_addr& given)
-    {
-        sockaddr_in6 made{};
-        std::memcpy(&made, given.addr, std::min<std::size_t>(given.addrlen, sizeof made));
-        const std::uint8_t* const host = made.sin6_addr.s6_addr + 12;
-        return SocketAddress::ipv4({host[0], host[1], host[2], host[3]}, ntohs(made.sin6_port));
-    }
-    ngtcp2_addr view() { return {reinterpret_cast<sockaddr*>(&address), sizeof address}; }
-
-    sockaddr_in6 address{};
-};
-
-struct Path {
-    Path(const SocketAddress& localAddress, const SocketAddress& remoteAddress, std::uint64_t pathEpoch)
-        : local(localAddress, pathEpoch),
-          remote(remoteAddress, pathEpoch)
-    {
-    }
-    ngtcp2_path view() { return {local.view(), remote.view(), nullptr}; }
-
-    PathAddress local, remote;
-};
 
 ngtcp2_settings settingsOf(const QuicParameters& parameters, ngtcp2_tstamp now)
 {
@@ -111,7 +73,7 @@ std::shared_ptr<QuicLink> QuicLink::connect(std::shared_ptr<QuicEndpoint> endpoi
     const ngtcp2_cid scid = own.cid(), dcid = QuicConnectionID::random().cid();
     const auto settings = settingsOf(*link->parameters, link->now());
     const auto transport = transportParameters();
-    Path path(link->endpoint->localAddress(), to, 0);
+    QuicPath path(link->endpoint->localAddress(), to, 0);
     const ngtcp2_path view = path.view();
     ngtcp2_conn* made = nullptr;
     require(ngtcp2_conn_client_new(&made, &dcid, &scid, &view, NGTCP2_PROTO_VER_V1, &quicCallbacks(),
@@ -137,7 +99,7 @@ std::shared_ptr<QuicLink> QuicLink::accept(std::shared_ptr<QuicEndpoint> endpoin
                 transport.stateless_reset_token, resetKey.data(), resetKey.size(), &scid)
             == 0,
         "out of memory");
-    Path path(link->endpoint->localAddress(), from, 0);
+    QuicPath path(link->endpoint->localAddress(), from, 0);
     const ngtcp2_path view = path.view();
     ngtcp2_conn* made = nullptr;
     require(ngtcp2_conn_server_new(&made, &header.scid, &scid, &view, header.version, &quicCallbacks(),
@@ -185,10 +147,9 @@ void QuicLink::takeUnknownDatagrams()
           };
 }
 
-void QuicLink::setOwner(PelorinQUIC::Connection* newOwner, Lifetime::Watch newOwnerAlive)
+void QuicLink::setOwner(PelorinQUIC::Connection& connectionOfUser, const Lifetime::Watch& alive)
 {
-    owner = newOwner;
-    ownerAlive = newOwnerAlive;
+    owner = Owner{&connectionOfUser, alive};
     onHandshakeEnd = nullptr;
 }
 
@@ -207,7 +168,7 @@ void QuicLink::receive(ByteView datagram, const SocketAddress& source)
 
 void QuicLink::read(ByteView datagram, const SocketAddress& source)
 {
-    Path path(endpoint->localAddress(), source, pathEpoch);
+    QuicPath path(endpoint->localAddress(), source, pathEpoch);
     const ngtcp2_path view = path.view();
     const ngtcp2_pkt_info info{};
     fault = ngtcp2_conn_read_pkt(connection.get(), &view, &info, datagram.data(), datagram.size(), now());
@@ -284,7 +245,7 @@ void QuicLink::write()
             return stopBecause(int(size));
         }
         if (size == 0) break;
-        endpoint->enqueue(std::size_t(size), PathAddress::realOf(path.path.remote));
+        endpoint->enqueue(std::size_t(size), QuicPathAddress::realOf(path.path.remote));
         hasSent = true;
     }
     // Not before: it would hold back the second flight of the handshake.
@@ -370,7 +331,7 @@ void QuicLink::resetCongestion()
 {
     if (!connection || !ready) return;
     // A client begins to send from there, a server takes what arrives for something from there.
-    Path path(endpoint->localAddress(), remote, pathEpoch + 1);
+    QuicPath path(endpoint->localAddress(), remote, pathEpoch + 1);
     const ngtcp2_path view = path.view();
     if (!parameters->isServer
         && ngtcp2_conn_initiate_immediate_migration(connection.get(), &view, now()) != 0)
@@ -418,19 +379,20 @@ void QuicLink::callOwner()
 {
     const auto self = shared_from_this();
     if ((ready || ended) && onHandshakeEnd) std::exchange(onHandshakeEnd, nullptr)();
-    const auto isOwned = [&] { return owner && *ownerAlive; };
-    if (ready && isOwned() && !std::exchange(isReadyTold, true)) callOut(owner->onReady, *ownerAlive);
-    while (isOwned() && owner->onStream && !unclaimed.empty()) {
+    if (!owner) return;
+    const auto [told, alive] = *owner; // each of whose callbacks may destroy it
+    if (ready && !std::exchange(isReadyTold, true)) callOut(told->onReady, alive);
+    while (alive && told->onStream && !unclaimed.empty()) {
         const StreamRef stream = std::move(unclaimed.front());
         unclaimed.pop_front();
-        callOut(owner->onStream, *ownerAlive, channelOf(stream));
+        callOut(told->onStream, alive, channelOf(stream));
     }
-    if (isOwned() && hadStreams && !hasLiveStreams()) {
+    if (alive && hadStreams && !hasLiveStreams()) {
         hadStreams = false;
-        callOut(owner->onLastStreamEnd, *ownerAlive);
+        callOut(told->onLastStreamEnd, alive);
     }
-    if (ended && isOwned() && !std::exchange(isEndTold, true) && owner->onClosed)
-        std::exchange(owner->onClosed, nullptr)(ended->error);
+    if (alive && ended && !std::exchange(isEndTold, true) && told->onClosed)
+        std::exchange(told->onClosed, nullptr)(ended->error);
 }
 
 } // namespace pelorin

@@ -27,7 +27,7 @@ public:
     void takeUnknownDatagrams(); // of the endpoint, on which nobody else is
 
     // Who is told; its callbacks may be set at any time.
-    void setOwner(PelorinQUIC::Connection* newOwner, Lifetime::Watch newOwnerAlive);
+    void setOwner(PelorinQUIC::Connection& connection, const Lifetime::Watch& alive);
     std::function<void()> onHandshakeEnd; // in place of an owner: it is ready, or closed
 
     void receive(ByteView datagram, const SocketAddress& source) override;
@@ -46,7 +46,7 @@ public:
 
     // The channels' side. Each stream's channel ends with finish or abandon, once.
     std::unique_ptr<Channel> openStream();
-    void attach(const StreamRef& stream, QueueRef channelQueue, QuicChannel* channel, Lifetime::Watch alive);
+    void attach(const StreamRef& stream, QuicStream::Attached attached);
     void send(const StreamRef& stream, std::vector<Bytes> parts);
     void consumed(const StreamRef& stream, std::size_t count);
     void finish(const StreamRef& stream);
@@ -131,10 +131,13 @@ private:
     std::optional<QuicEnd> ended;
     bool isEndTold = false;
 
-    PelorinQUIC::Connection* owner = nullptr;
-    std::optional<Lifetime::Watch> ownerAlive;
+    struct Owner {
+        PelorinQUIC::Connection* connection;
+        Lifetime::Watch alive;
+    };
+    std::optional<Owner> owner;
     Subscription timer;
-    SteadyTime timerDue{};
+    SteadyTime timerDue;
     Lifetime lifetime;
 };
 

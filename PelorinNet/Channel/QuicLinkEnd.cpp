@@ -22,7 +22,7 @@ void QuicLink::close()
     Farewell farewell;
     ngtcp2_connection_close_error_set_application_error(&farewell.lastWord, orderly, nullptr, 0);
     farewell.error = NetError{"QUIC: the connection was closed"};
-    owner = nullptr;
+    owner.reset();
     onHandshakeEnd = nullptr;
     stop(farewell);
 }

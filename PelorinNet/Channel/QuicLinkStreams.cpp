@@ -58,24 +58,21 @@ void QuicLink::keepAliveWhileNeeded()
     ngtcp2_conn_set_keep_alive_timeout(connection.get(), ngtcp2_duration(needed.count()));
 }
 
-void QuicLink::attach(
-    const StreamRef& stream, QueueRef channelQueue, QuicChannel* channel, Lifetime::Watch alive)
+void QuicLink::attach(const StreamRef& stream, QuicStream::Attached attached)
 {
-    stream->channelQueue = std::move(channelQueue);
-    stream->channel = channel;
-    stream->channelAlive = alive;
+    stream->attached = std::move(attached);
     tellPeer(*stream);
     report(stream);
 }
 
 void QuicLink::tellPeer(const QuicStream& stream)
 {
-    const auto fingerprint = peerFingerprint();
-    if (!fingerprint || !stream.channel) return;
-    stream.channelQueue->post(
-        [channel = stream.channel, alive = *stream.channelAlive, peer = *fingerprint]() mutable {
-            if (alive) channel->provePeer(std::move(peer));
-        });
+    auto fingerprint = peerFingerprint();
+    if (!fingerprint || !stream.attached) return;
+    const auto& [channel, queue, alive] = *stream.attached;
+    queue->post([channel = channel, alive = alive, peer = std::move(*fingerprint)]() mutable {
+        if (alive) channel->provePeer(std::move(peer));
+    });
 }
 
 void QuicLink::send(const StreamRef& stream, std::vector<Bytes> parts)
@@ -94,7 +91,7 @@ void QuicLink::consumed(const StreamRef& stream, std::size_t count)
 
 void QuicLink::finish(const StreamRef& stream)
 {
-    stream->channel = nullptr;
+    stream->attached.reset();
     if (stream->isOver || stream->isFinishing || !connection) return;
     stream->isFinishing = true;
     stopReading(*stream);
@@ -107,7 +104,7 @@ void QuicLink::finish(const StreamRef& stream)
 void QuicLink::abandon(const StreamRef& stream)
 {
     const auto self = shared_from_this();
-    stream->channel = nullptr;
+    stream->attached.reset();
     stream->finishDeadline = {};
     if (stream->isOver) return;
     stream->isOver = true;
@@ -201,29 +198,29 @@ void QuicLink::reportStreams()
 // Tells the channel what there is to tell, in the order in which it matters. Calls nobody: all are tasks.
 void QuicLink::report(const StreamRef& stream)
 {
-    QuicChannel* const channel = stream->channel;
-    if (!channel) return;
-    const auto& alive = *stream->channelAlive;
+    const auto attached = stream->attached;
+    if (!attached) return;
+    const auto& [channel, queue, alive] = *attached;
     const std::uint64_t sent = stream->output.sentTotal();
-    const bool isStuck = stream->isShut && stream->output.unsent() == 0;
     if (std::exchange(stream->owesReport, false) || sent != stream->reportedSent) {
         stream->reportedSent = sent;
-        if (!isStuck)
-            stream->channelQueue->post([channel, alive, sent] {
+        // Of a stream that the peer wants no more of, nothing goes on.
+        if (!stream->isShut)
+            queue->post([channel = channel, alive = alive, sent] {
                 if (alive) channel->sent(sent);
             });
     }
     if (!stream->input.empty())
-        stream->channelQueue->post([channel, alive, bytes = std::exchange(stream->input, {}), stream,
-                                       home = queue(), weak = weak_from_this()] {
+        queue->post([channel = channel, alive = alive, bytes = std::exchange(stream->input, {}), stream,
+                        home = home, weak = weak_from_this()] {
             if (alive) channel->received(bytes);
             home->post([stream, weak, count = bytes.size()] {
                 if (const auto self = weak.lock()) self->consumed(stream, count);
             });
         });
-    if (stream->end) {
-        stream->channel = nullptr;
-        stream->channelQueue->post([channel, alive, end = *stream->end] {
+    if (const auto end = stream->end) {
+        stream->attached.reset();
+        queue->post([channel = channel, alive = alive, end = *end] {
             if (alive) channel->closed(end);
         });
     }

@@ -29,7 +29,7 @@ public:
     }
 
 private:
-    SteadyTime began{};
+    SteadyTime began;
     int count = 0;
 };
 

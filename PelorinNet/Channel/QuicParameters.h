@@ -43,6 +43,8 @@ public:
     const bool isServer;
     const SecretBytes resetKey;
     std::string applicationProtocol = PelorinQUIC::alpn; // none when empty, which our own ends never are
+    // Not CUBIC, which a phone's lossy line brings down to a tenth, and not BBR2, which is slower on loopback
+    // and slower to notice a new path that nobody told it of. docs/benchmarks.md has the figures.
     QuicCongestion congestion = QuicCongestion::bbr;
 
 private:

@@ -44,11 +44,4 @@ void QuicSendBuffer::drop()
     parts.resize(next + (isCut ? 1 : 0));
 }
 
-std::size_t QuicSendBuffer::held() const
-{
-    std::size_t count = 0;
-    for (const auto& part : parts) count += part.size();
-    return count;
-}
-
 } // namespace pelorin

@@ -20,8 +20,6 @@ public:
 
     std::size_t unsent() const { return std::size_t(total - sent); }
     std::uint64_t sentTotal() const { return sent; }
-    std::uint64_t appendedTotal() const { return total; }
-    std::size_t held() const; // bytes in memory
 
 private:
     std::deque<Bytes> parts; // none empty

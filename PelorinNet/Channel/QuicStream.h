@@ -36,9 +36,12 @@ struct QuicStream {
     std::optional<QuicEnd> end; // of the input; reported behind it
 
     // The channel, from its start until it wants nothing more.
-    QuicChannel* channel = nullptr;
-    QueueRef channelQueue;
-    std::optional<Lifetime::Watch> channelAlive;
+    struct Attached {
+        QuicChannel* channel;
+        QueueRef queue;
+        Lifetime::Watch alive;
+    };
+    std::optional<Attached> attached;
     std::uint64_t reportedSent = 0;
     bool owesReport = false; // a send is to be told how far we are, even if that is no further
     Subscription finishDeadline;
