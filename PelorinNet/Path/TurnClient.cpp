@@ -1,5 +1,6 @@
 #include "PelorinNet/Path/TurnClient.h"
 
+#include "PelorinCore/Label.h"
 #include "PelorinNet/Channel/CallOut.h"
 
 #include <algorithm>
@@ -234,8 +235,9 @@ void TurnClient::complete(Request request, const StunMessage& response)
     const bool isChallenge = error.code == unauthorized || error.code == staleNonce;
     if (isChallenge && ++request.attempt < maxAttempts && takeChallenge(response))
         return transact(std::move(request));
-    request.done(std::unexpected(
-        NetError{fmt::format("{} failed: {} {}", nameOf(request.method), error.code, error.reason)}));
+    // A relay's words end in zeros sometimes, and might hold anything.
+    request.done(std::unexpected(NetError{
+        fmt::format("{} failed: {} {}", nameOf(request.method), error.code, asLabel(error.reason))}));
 }
 
 // False when there is no way to meet it; what we knew before then stays.
