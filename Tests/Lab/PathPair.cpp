@@ -27,7 +27,8 @@ void PathPair::start(Role role, const NatLab::Machine& machine, const std::vecto
 {
     const char* name = role == Role::host ? "host" : "phone";
     const auto credentials = TurnServer::credentials(name);
-    std::vector<std::string> command{programPath("pelorin-path-end"), "--role", name, "--signal",
+    std::vector<std::string> command{
+        programPath(role == Role::host ? "pelorin-path-host" : "pelorin-path-phone"), "--signal",
         (folder.path() / "signal").string(), "--signal-delay", std::to_string(signalDelay.count()), "--stun",
         NatLab::relayAddress(0).hostText(), "--turn-user", credentials.username, "--turn-credential",
         credentials.credential};
@@ -88,8 +89,8 @@ std::chrono::milliseconds PathPair::longestGapSince(
         = [](Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); };
     const double from = ms(moment.time_since_epoch());
     const auto isToldTill = [&](Role role) {
-        const auto& all = reports(role);
-        return !all.empty() && all.back()["at"] >= from + ms(duration);
+        const auto traffic = last(role, "traffic");
+        return !traffic || traffic->at("at") >= from + ms(duration);
     };
     eventually([&] { return std::ranges::all_of(roles, isToldTill); }, duration + std::chrono::seconds(20));
     double longest = 0;
@@ -98,6 +99,14 @@ std::chrono::milliseconds PathPair::longestGapSince(
             if (each["event"] == "traffic" && each["at"] >= from)
                 longest = std::max(longest, each["longestGapMs"].get<double>());
     return std::chrono::milliseconds(static_cast<long>(longest));
+}
+
+std::optional<json> PathPair::last(Role role, const std::string& event)
+{
+    const auto& all = reports(role);
+    const auto found
+        = std::find_if(all.rbegin(), all.rend(), [&](const json& each) { return each["event"] == event; });
+    return found == all.rend() ? std::nullopt : std::optional(*found);
 }
 
 std::string PathPair::label(Role role)
@@ -110,10 +119,8 @@ std::string PathPair::label(Role role)
 
 std::uint64_t PathPair::framesReceived(Role role)
 {
-    std::uint64_t latest = 0;
-    for (const json& each : reports(role))
-        if (each["event"] == "traffic") latest = each["received"];
-    return latest;
+    const auto traffic = last(role, "traffic");
+    return traffic ? traffic->at("received").get<std::uint64_t>() : 0;
 }
 
 bool PathPair::isBroken()

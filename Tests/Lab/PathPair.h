@@ -27,11 +27,12 @@ public:
     // Whether both ends have got some frames of each other's.
     bool carriesFrames(std::chrono::milliseconds within = std::chrono::seconds(20));
 
+    std::optional<nlohmann::json> last(Role role, const std::string& event); // of its reports by now
     std::string label(Role role); // of the path in use, empty without one
     bool has(Role role, const std::string& event);
     std::uint64_t framesReceived(Role role);
-    // The longest time without a frame at either end, of those that ended or went on after that moment, once
-    // so much more time is over.
+    // The longest time without a frame at either end that gets some, of those that ended or went on after
+    // that moment, once so much more time is over.
     std::chrono::milliseconds longestGapSince(Clock::time_point moment, std::chrono::milliseconds duration);
     bool isBroken(); // a frame came that was not sent
 

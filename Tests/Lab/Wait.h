@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <vector>
 
 namespace pelorin::lab {
 
@@ -17,6 +18,13 @@ inline bool eventually(
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+// Runs each on a thread of its own, for what mostly waits; returns when all are done.
+inline void atOnce(const std::vector<std::function<void()>>& works)
+{
+    std::vector<std::jthread> threads;
+    for (const auto& work : works) threads.emplace_back(work);
 }
 
 } // namespace pelorin::lab
