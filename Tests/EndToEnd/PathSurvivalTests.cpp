@@ -1,3 +1,4 @@
+#include "Tests/Lab/Flood.h"
 #include "Tests/Lab/PathPair.h"
 #include "Tests/Lab/Wait.h"
 
@@ -8,6 +9,7 @@ namespace pelorin {
 namespace {
 
 using namespace std::chrono_literals;
+using lab::atOnce;
 using lab::NatKind;
 using lab::NatLab;
 using lab::PathPair;
@@ -21,13 +23,6 @@ using enum NatKind;
 constexpr lab::Wire::Quality distance{.delay = 20ms}; // 40 ms there and back to every server
 constexpr auto longestInterruption = 1000ms;
 constexpr auto observation = 2000ms;
-
-// Runs each on a thread of its own; most of their time is waiting.
-void atOnce(const std::vector<std::function<void()>>& works)
-{
-    std::vector<std::jthread> threads;
-    for (const auto& work : works) threads.emplace_back(work);
-}
 
 std::string reportsOf(PathPair& pair)
 {
@@ -138,6 +133,43 @@ TEST(PathSurvival, fiveSecondsOfSilenceAreOutlived)
     }
     lab.setQuality(distance);
     atOnce(works);
+}
+
+// The slower a build is, the smaller the flood that it can be asked to stand.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int floodPerSecond = 20'000;
+#else
+constexpr int floodPerSecond = 200'000;
+#endif
+
+TEST(PathSurvival, aFloodFromStrangersHarmsNobody)
+{
+    PELORIN_SKIP_WITHOUT_NETWORKS();
+    NatLab lab;
+    NatLab::Machine& host = lab.addMachine(none); // its port is open to everyone
+    const NatLab::Machine& phone = lab.addMachine(portRestricted);
+    lab.setQuality(distance);
+    PathPair pair(host, phone, {.host = {"--frame-bytes", "25000"}}); // 12 Mbit/s, as a picture
+    ASSERT_TRUE(pair.carriesFrames()) << reportsOf(pair);
+    pair.longestGapSince(Clock::now(), 1000ms);
+    const std::string label = pair.label(Role::phone); // direct ADDRESS:PORT of the host
+    const auto port = static_cast<std::uint16_t>(std::stoi(label.substr(label.rfind(':') + 1)));
+    const long memory = pair.process(Role::host).residentKiB();
+
+    const auto moment = Clock::now();
+    std::uint64_t sent = 0;
+    {
+        const lab::Flood flood(host.site.router(), *SocketAddress::parse(host.address, port), floodPerSecond);
+        EXPECT_LE(pair.longestGapSince(moment, 2000ms), 250ms) << reportsOf(pair);
+        sent = flood.sent();
+    }
+    RecordProperty("floodPerSecond", static_cast<int>(sent / 2));
+    EXPECT_GT(sent, floodPerSecond) << "no flood: half of it, at the least, shall have been sent";
+    const auto traffic = pair.last(Role::phone, "traffic").value();
+    EXPECT_LE(traffic["latencyMs"], 100) << traffic;
+    EXPECT_EQ(pair.label(Role::phone), label);
+    EXPECT_LE(pair.process(Role::host).residentKiB(), memory + 16 * 1024);
+    expectSameConnection(pair);
 }
 
 } // namespace
