@@ -38,17 +38,15 @@ TEST(PathGrid, isDirectWhereverTheRoutersAllowItAndRelayedElsewhere)
         phones.push_back(&lab.addMachine(kind));
     }
     lab.setQuality(distance);
-    // Each machine has one session at a time.
-    for (std::size_t shift = 0; shift < phones.size(); ++shift) {
+    for (const NatLab::Machine* host : hosts) {
         std::vector<std::unique_ptr<PathPair>> pairs;
-        const auto phoneOf = [&](std::size_t host) { return phones[(host + shift) % phones.size()]; };
-        for (std::size_t i = 0; i < hosts.size(); ++i)
-            pairs.push_back(std::make_unique<PathPair>(*hosts[i], *phoneOf(i)));
-        for (std::size_t i = 0; i < hosts.size(); ++i) {
-            const NatKind host = hosts[i]->site.kind();
-            const NatKind phone = phoneOf(i)->site.kind();
-            SCOPED_TRACE(std::string(nameOf(host)) + " and " + nameOf(phone));
-            expectPath(*pairs[i], allowDirectPath(host, phone) ? "direct " : "relay ");
+        for (const NatLab::Machine* phone : phones)
+            pairs.push_back(std::make_unique<PathPair>(*host, *phone));
+        for (std::size_t i = 0; i < phones.size(); ++i) {
+            const NatKind one = host->site.kind();
+            const NatKind other = phones[i]->site.kind();
+            SCOPED_TRACE(std::string(nameOf(one)) + " and " + nameOf(other));
+            expectPath(*pairs[i], allowDirectPath(one, other) ? "direct " : "relay ");
         }
     }
 }

@@ -51,9 +51,9 @@ void liveThrough(NatKind hostKind, NatKind phoneKind, const std::string& label,
     NatLab::Machine& phone = lab.addMachine(phoneKind);
     lab.setQuality({.delay = 20ms, .bitsPerSecond = 50e6});
     PathPair pair(host, phone,
-        {.host = {"--session", "--display", desktop.server.display(), "--support-dir",
-             desktop.folder.path().string()},
-            .phone = {"--session"}});
+        {.isSession = true,
+            .host
+            = {"--display", desktop.server.display(), "--support-dir", desktop.folder.path().string()}});
     const auto logs = [&] { return pair.log(Role::host) + pair.log(Role::phone); };
     const auto types = [&](int lines) { return eventually([&] { return desktop.linesInOrder() >= lines; }); };
     const auto shown = [&] { // of the host's words about the path, the last

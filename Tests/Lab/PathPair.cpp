@@ -18,22 +18,22 @@ constexpr int framesForFlow = 10;
 
 PathPair::PathPair(const NatLab::Machine& host, const NatLab::Machine& phone, const Options& options)
 {
-    start(Role::host, host, options.host, options.signalDelay);
-    start(Role::phone, phone, options.phone, options.signalDelay);
+    start(Role::host, host, options);
+    start(Role::phone, phone, options);
 }
 
-void PathPair::start(Role role, const NatLab::Machine& machine, const std::vector<std::string>& more,
-    std::chrono::milliseconds signalDelay)
+void PathPair::start(Role role, const NatLab::Machine& machine, const Options& options)
 {
-    const char* name = role == Role::host ? "host" : "phone";
+    const std::string name = role == Role::host ? "host" : "phone";
+    const auto program = "pelorin-path-" + (options.isSession ? name : "end");
     const auto credentials = TurnServer::credentials(name);
-    std::vector<std::string> command{
-        programPath(role == Role::host ? "pelorin-path-host" : "pelorin-path-phone"), "--signal",
-        (folder.path() / "signal").string(), "--signal-delay", std::to_string(signalDelay.count()), "--stun",
-        NatLab::relayAddress(0).hostText(), "--turn-user", credentials.username, "--turn-credential",
-        credentials.credential};
+    std::vector<std::string> command{programPath(program.c_str()), "--role", name, "--signal",
+        (folder.path() / "signal").string(), "--signal-delay", std::to_string(options.signalDelay.count()),
+        "--stun", NatLab::relayAddress(0).hostText(), "--turn-user", credentials.username,
+        "--turn-credential", credentials.credential};
     for (int i = 0; i < NatLab::relayCount; ++i)
         command.insert(command.end(), {"--turn", NatLab::relayAddress(i).hostText()});
+    const auto& more = role == Role::host ? options.host : options.phone;
     command.insert(command.end(), more.begin(), more.end());
     end(role).output = folder.path() / name;
     end(role).process = Process::start(machine.inside(std::move(command)), {}, end(role).output.string());

@@ -14,6 +14,7 @@ public:
     using Clock = std::chrono::steady_clock; // the one that the programs tell the time by
 
     struct Options {
+        bool isSession = false; // a real one, instead of frames
         std::vector<std::string> host{}; // further options of each program
         std::vector<std::string> phone{};
         std::chrono::milliseconds signalDelay{40}; // one way, by a server 20 ms from each
@@ -47,8 +48,7 @@ private:
         std::vector<nlohmann::json> reports;
     };
     End& end(Role role) { return ends[role == Role::host ? 0 : 1]; }
-    void start(Role role, const NatLab::Machine& machine, const std::vector<std::string>& more,
-        std::chrono::milliseconds signalDelay);
+    void start(Role role, const NatLab::Machine& machine, const Options& options);
     const std::vector<nlohmann::json>& reports(Role role); // by now
 
     TemporaryFolder folder;

@@ -1,5 +1,4 @@
 #include "PelorinNet/Queue/Confined.h"
-#include "Tests/Lab/FrameTraffic.h"
 #include "Tests/Lab/PathEnd.h"
 #include "Tests/Lab/Programs/PathEndLoad.h"
 
@@ -7,8 +6,9 @@
 #include <csignal>
 #include <cstdio>
 
-// pelorin-path-host, pelorin-path-phone: the ends of a remote session in networks of the lab. They print what
-// happens as JSON, one object a line, each with the steady clock's milliseconds as "at".
+// One end of a remote session in a network of the lab. It prints what happens as JSON, one object a line,
+// each with the steady clock's milliseconds as "at". pelorin-path-end sends frames, pelorin-path-host and
+// pelorin-path-phone are the two ends of a real session.
 namespace pelorin::lab {
 namespace {
 
@@ -19,15 +19,13 @@ constexpr Duration reportPeriod = 100ms;
 constexpr int poolThreads = 4;
 
 struct Options {
+    std::string role;
     std::string signal; // socket of the signalling
     int signalDelayMs = 0;
     std::vector<std::string> stun; // addresses
     std::vector<std::string> turn;
     TurnCredentials credentials;
-    FrameTraffic::Settings frames;
-    bool isSession = false; // a real one, instead of frames
-    std::string display;
-    std::string support;
+    LoadOptions load;
 };
 
 double inMs(Duration duration)
@@ -45,39 +43,13 @@ void report(json object)
 PathEnd::Settings settingsOf(const Options& options)
 {
     PathEnd::Settings settings;
-    settings.role = isHostProgram() ? PathEnd::Role::host : PathEnd::Role::phone;
+    settings.role = options.role == "host" ? PathEnd::Role::host : PathEnd::Role::phone;
     for (const auto& address : options.stun) settings.servers.stun.push_back({address});
     for (const auto& address : options.turn) settings.servers.turn.push_back({address});
     if (!options.credentials.username.empty()) settings.credentials = options.credentials;
     settings.switches = PathSetup::Switches::fromEnvironment();
     return settings;
 }
-
-class FrameLoad final : public PathEndLoad {
-public:
-    explicit FrameLoad(const FrameTraffic::Settings& newSettings) : settings(newSettings) {}
-
-    void begin(QueuePool&, const QueueRef& newQueue) override { queue = newQueue; }
-    void use(std::unique_ptr<Channel> channel) override
-    {
-        traffic = std::make_unique<FrameTraffic>(std::move(channel), queue, settings);
-    }
-    json figures() override
-    {
-        if (!traffic) return nullptr;
-        const auto now = traffic->figures();
-        traffic->restartGap();
-        return {{"sent", now.sent}, {"leftOut", now.leftOut}, {"received", now.received},
-            {"longestGapMs", inMs(now.longestGap)}, {"latencyMs", inMs(now.latency)},
-            {"latencyP95Ms", inMs(now.latencyP95)}, {"isBroken", now.isBroken}};
-    }
-    void end() override { traffic.reset(); }
-
-private:
-    const FrameTraffic::Settings settings;
-    QueueRef queue;
-    std::unique_ptr<FrameTraffic> traffic;
-};
 
 // The program on its queue.
 class App {
@@ -115,16 +87,16 @@ int main(int argumentCount, char** arguments)
 {
     Options options;
     CLI::App app("One end of a remote session");
+    app.add_option("--role", options.role)->required()->check(CLI::IsMember({"host", "phone"}));
     app.add_option("--signal", options.signal, "Socket of the signalling; the host makes it")->required();
     app.add_option("--signal-delay", options.signalDelayMs, "Milliseconds to the other end");
     app.add_option("--stun", options.stun);
     app.add_option("--turn", options.turn);
     app.add_option("--turn-user", options.credentials.username);
     app.add_option("--turn-credential", options.credentials.credential);
-    app.add_option("--frame-bytes", options.frames.frameBytes, "Of each frame that goes to the other end");
-    app.add_flag("--session", options.isSession, "A real session, instead of frames");
-    app.add_option("--display", options.display, "X display of the host's session");
-    app.add_option("--support-dir", options.support, "Folder of the host");
+    app.add_option("--frame-bytes", options.load.frameBytes, "Of each frame that goes to the other end");
+    app.add_option("--display", options.load.display, "X display of the host's session");
+    app.add_option("--support-dir", options.load.support, "Folder of that host");
     CLI11_PARSE(app, argumentCount, arguments);
 
     sigset_t ends; // blocked before the first thread, which inherits it
@@ -133,9 +105,8 @@ int main(int argumentCount, char** arguments)
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
     const int signalling
-        = isHostProgram() ? SignalLine::listen(options.signal) : SignalLine::connect(options.signal);
-    const auto load = options.isSession ? makeSessionLoad(options.display, options.support)
-                                        : std::make_unique<FrameLoad>(options.frames);
+        = options.role == "host" ? SignalLine::listen(options.signal) : SignalLine::connect(options.signal);
+    const auto load = makeLoad(options.load);
     QueuePool pool(poolThreads);
     const QueueRef queue = pool.makeQueue("dev.pelorin.path");
     const Confined<App> running(

@@ -47,14 +47,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<PathEndLoad> makeSessionLoad(const std::string& display, const std::string& support)
+std::unique_ptr<PathEndLoad> makeLoad(const LoadOptions& options)
 {
-    return std::make_unique<Desk>(display, support);
-}
-
-bool isHostProgram()
-{
-    return true;
+    return std::make_unique<Desk>(options.display, options.support);
 }
 
 } // namespace pelorin::lab

@@ -21,9 +21,11 @@ public:
     virtual void end() = 0;
 };
 
-// The load of a real session, of the host or of a phone: each program has one of the two.
-// display: the host's; support: a folder of its own.
-std::unique_ptr<PathEndLoad> makeSessionLoad(const std::string& display, const std::string& support);
-bool isHostProgram();
+struct LoadOptions {
+    std::size_t frameBytes = 1000;
+    std::string display; // of a host, which lets the phone see and control it
+    std::string support; // the host's folder
+};
+std::unique_ptr<PathEndLoad> makeLoad(const LoadOptions& options); // each program has another
 
 } // namespace pelorin::lab

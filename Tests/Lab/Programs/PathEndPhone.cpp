@@ -74,14 +74,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<PathEndLoad> makeSessionLoad(const std::string&, const std::string&)
+std::unique_ptr<PathEndLoad> makeLoad(const LoadOptions&)
 {
     return std::make_unique<Hand>();
-}
-
-bool isHostProgram()
-{
-    return false;
 }
 
 } // namespace pelorin::lab
