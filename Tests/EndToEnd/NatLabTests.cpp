@@ -202,7 +202,7 @@ TEST_F(NatLabTest, wiresDelayLoseAndLimitWhatTheyCarry)
         EXPECT_TRUE(lab::eventually(isAllTaken));
         return wire.counts().lost - before.lost;
     };
-    EXPECT_LT(roundTrip(), 50ms);
+    EXPECT_LT(roundTrip(), lab::slowness * 50ms);
     wire.set({.delay = 30ms});
     EXPECT_GE(roundTrip(), 60ms);
 

@@ -70,7 +70,7 @@ void liveThrough(NatKind hostKind, NatKind phoneKind, const std::string& label,
     lose(lab, phone);
     ASSERT_TRUE(types(before + 20)) << desktop.linesInOrder() << logs();
     // A second for the path, and one more picture of a line that is typed ten times a second.
-    EXPECT_LE(pair.longestGapSince(moment, 2000ms), 1300ms) << logs();
+    EXPECT_LE(pair.longestGapSince(moment, lab::slowness * 2000ms), lab::slowness * 1300ms) << logs();
     EXPECT_GT(pair.framesReceived(Role::phone), pictures + 10);
     EXPECT_TRUE(eventually([&] { return shown().starts_with(laterLabel); })) << shown() << logs();
     EXPECT_FALSE(pair.has(Role::phone, "closed") || pair.has(Role::host, "closed")) << logs();

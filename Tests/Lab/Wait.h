@@ -7,6 +7,13 @@
 
 namespace pelorin::lab {
 
+// How many times longer a build under a sanitizer may take for what is measured in real time.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr int slowness = 5;
+#else
+inline constexpr int slowness = 1;
+#endif
+
 // Asks again and again until condition holds; false when it never did. For what only shows from outside, such
 // as another program's file or an X server's state.
 inline bool eventually(
