@@ -25,6 +25,7 @@ void expectPath(PathPair& pair, const char* label)
     }
     EXPECT_TRUE(pair.carriesFrames()) << pair.log(Role::host) << pair.log(Role::phone);
     EXPECT_FALSE(pair.isBroken());
+    EXPECT_TRUE(pair.endInOrder()) << pair.log(Role::host) << pair.log(Role::phone);
 }
 
 TEST(PathGrid, isDirectWhereverTheRoutersAllowItAndRelayedElsewhere)

@@ -74,6 +74,7 @@ void liveThrough(NatKind hostKind, NatKind phoneKind, const std::string& label,
     EXPECT_GT(pair.framesReceived(Role::phone), pictures + 10);
     EXPECT_TRUE(eventually([&] { return shown().starts_with(laterLabel); })) << shown() << logs();
     EXPECT_FALSE(pair.has(Role::phone, "closed") || pair.has(Role::host, "closed")) << logs();
+    EXPECT_TRUE(pair.endInOrder()) << logs();
 }
 
 TEST(PathSession, carriesPictureAndTypingOverEachKindOfPathAndOutlivesItsLoss)

@@ -29,11 +29,12 @@ std::string reportsOf(PathPair& pair)
     return "host:\n" + pair.log(Role::host) + "phone:\n" + pair.log(Role::phone);
 }
 
-void expectSameConnection(PathPair& pair)
+void expectSameConnectionToTheEnd(PathPair& pair)
 {
     for (const Role role : {Role::host, Role::phone})
         EXPECT_FALSE(pair.has(role, "closed")) << pair.log(role);
     EXPECT_FALSE(pair.isBroken());
+    EXPECT_TRUE(pair.endInOrder()) << reportsOf(pair);
 }
 
 void loseRelay(void (NatLab::*lose)(int))
@@ -59,7 +60,7 @@ void loseRelay(void (NatLab::*lose)(int))
     EXPECT_LE(pair.longestGapSince(moment, observation), longestInterruption) << reportsOf(pair);
     EXPECT_THAT(pair.label(Role::host), StartsWith("relay 192.0.2.2"));
     EXPECT_THAT(pair.label(Role::phone), StartsWith("relay 192.0.2.2"));
-    expectSameConnection(pair);
+    expectSameConnectionToTheEnd(pair);
 }
 
 TEST(PathSurvival, aRelayThatDiesOrFallsSilentCostsLessThanASecond)
@@ -101,7 +102,7 @@ TEST(PathSurvival, aRouterThatForgetsOrMovesCostsLessThanASecond)
             ((row.changed == Role::host ? host : phone).site.*row.change)();
             EXPECT_LE(pair.longestGapSince(moment, observation), longestInterruption) << nameOf(
                 row.host) << " and " << nameOf(row.phone) << "\n" << reportsOf(pair);
-            expectSameConnection(pair);
+            expectSameConnectionToTheEnd(pair);
         });
     }
     lab.setQuality(distance);
@@ -128,7 +129,7 @@ TEST(PathSurvival, fiveSecondsOfSilenceAreOutlived)
             const auto gap = pair.longestGapSince(back, observation);
             EXPECT_GE(gap, 4900ms) << reportsOf(pair);
             EXPECT_LE(gap, 5000ms + 2 * longestInterruption) << reportsOf(pair);
-            expectSameConnection(pair);
+            expectSameConnectionToTheEnd(pair);
         });
     }
     lab.setQuality(distance);
@@ -167,7 +168,7 @@ TEST(PathSurvival, aFloodFromStrangersHarmsNobody)
     EXPECT_LE(traffic["latencyMs"], lab::slowness * 100) << traffic;
     EXPECT_EQ(pair.label(Role::phone), label);
     EXPECT_LE(pair.process(Role::host).residentKiB(), memory + 16 * 1024);
-    expectSameConnection(pair);
+    expectSameConnectionToTheEnd(pair);
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include "Tests/Lab/Programs.h"
 #include "Tests/Lab/Wait.h"
 
+#include <algorithm>
+#include <csignal>
 #include <fstream>
 
 namespace pelorin::lab {
@@ -129,6 +131,12 @@ bool PathPair::isBroken()
         return std::ranges::any_of(
             reports(role), [](const json& each) { return each.value("isBroken", false); });
     });
+}
+
+bool PathPair::endInOrder()
+{
+    for (End& each : ends) each.process->signal(SIGTERM);
+    return std::ranges::all_of(ends, [](End& each) { return each.process->waitForExit(20'000) == 0; });
 }
 
 std::string PathPair::log(Role role) const

@@ -37,6 +37,9 @@ public:
     std::chrono::milliseconds longestGapSince(Clock::time_point moment, std::chrono::milliseconds duration);
     bool isBroken(); // a frame came that was not sent
 
+    // Ends both programs; whether they ended in order, with nothing to complain about for a sanitizer.
+    bool endInOrder();
+
     std::string log(Role role) const; // of the program, reports and all
     Process& process(Role role) { return *end(role).process; }
 
