@@ -163,7 +163,7 @@ TEST(PathSurvival, aFloodFromStrangersHarmsNobody)
         sent = flood.sent();
     }
     RecordProperty("floodPerSecond", static_cast<int>(sent / 2));
-    EXPECT_GT(sent, floodPerSecond) << "no flood: half of it, at the least, shall have been sent";
+    EXPECT_GT(sent, floodPerSecond / 2) << "no flood: a quarter of it, at the least, shall have been sent";
     const auto traffic = pair.last(Role::phone, "traffic").value();
     EXPECT_LE(traffic["latencyMs"], lab::slowness * 100) << traffic;
     EXPECT_EQ(pair.label(Role::phone), label);
