@@ -1,6 +1,6 @@
 #include "PelorinNet/Channel/TcpChannel.h"
 
-#include "PelorinNet/Channel/CallOut.h"
+#include "PelorinNet/Channel/LinkedChannel.h"
 #include "PelorinNet/Channel/SendQueue.h"
 #include "PelorinNet/Channel/TcpSocket.h"
 
@@ -46,7 +46,8 @@ std::string endpointText(const asio::ip::tcp::endpoint& endpoint)
     return fmt::format("{}{}{}:{}", isV6 ? "[" : "", host, isV6 ? "]" : "", endpoint.port());
 }
 
-class TcpChannel;
+class TcpLink;
+using TcpChannel = LinkedChannel<TcpLink>;
 
 // The socket and what goes through it. Queue: the one given to start. Owned by the channel and by the
 // handlers that wait for the socket, which keep it while it finishes without its channel.
@@ -60,7 +61,8 @@ public:
     void close();
 
     std::size_t unsentBytes() const { return sends.byteCount(); }
-    const asio::ip::tcp::endpoint& remoteEndpoint() const { return remote; }
+    std::string remoteAddress() const { return hostText(remote.address()); }
+    std::string pathDescription() const { return "tcp " + endpointText(remote); }
 
 private:
     void receive();
@@ -93,41 +95,6 @@ private:
     bool isFinishing = false;
     bool hasPeerEnded = false;
     error_code writeError; // reported after all that was received before it
-};
-
-// Queue: the one given to start. Shares its link with the link's handlers. Owned by the session at its end.
-class TcpChannel final : public Channel {
-public:
-    explicit TcpChannel(std::shared_ptr<TcpLink> newLink) : link(std::move(newLink)) {}
-    ~TcpChannel() override
-    {
-        if (!isFinished) link->close();
-    }
-
-    void start(QueueRef queue) override { link->start(std::move(queue), this); }
-    using Channel::send;
-    void send(std::vector<Bytes> parts, Task onSent) override
-    {
-        link->send(std::move(parts), std::move(onSent));
-    }
-    std::size_t unsentBytes() const override { return link->unsentBytes(); }
-    void finish() override
-    {
-        if (!std::exchange(isFinished, true)) link->finish();
-    }
-    std::string remoteAddress() const override { return hostText(link->remoteEndpoint().address()); }
-    std::string pathDescription() const override { return "tcp " + endpointText(link->remoteEndpoint()); }
-
-    void reportBytes(ByteView bytes) { callOut(onBytes, lifetime.watch(), bytes); }
-    void reportClosed(std::optional<NetError> error)
-    {
-        if (onClosed) std::exchange(onClosed, nullptr)(std::move(error));
-    }
-
-private:
-    const std::shared_ptr<TcpLink> link;
-    bool isFinished = false;
-    Lifetime lifetime;
 };
 
 TcpLink::TcpLink(EngineRef newEngine, TcpSocket newSocket)

@@ -1,4 +1,4 @@
-#include "PelorinNet/Channel/CallOut.h"
+#include "PelorinNet/Channel/LinkedChannel.h"
 #include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Channel/TlsContext.h"
 #include "PelorinNet/Channel/TlsEngine.h"
@@ -14,8 +14,6 @@ constexpr auto handshakeTimeout = std::chrono::seconds(10);
 constexpr auto finishTimeout = std::chrono::seconds(1);
 constexpr std::size_t recordSize = 16'384; // of plaintext, at most
 
-class TlsChannel;
-
 // The transport and the TLS on it. Queue: the one given to start. Owned by the channel, and for a moment by
 // the queue when it finishes without its channel.
 class TlsLink : public std::enable_shared_from_this<TlsLink> {
@@ -26,13 +24,14 @@ public:
     {
     }
 
-    void start(QueueRef newQueue, TlsChannel* newChannel);
+    void start(QueueRef newQueue, LinkedChannel<TlsLink>* newChannel);
     void send(std::vector<Bytes> parts, Task onSent);
     void finish();
     void close();
 
     std::size_t unsentBytes() const { return waitingBytes + transport->unsentBytes(); }
-    const Channel& carrier() const { return *transport; }
+    std::string remoteAddress() const { return transport->remoteAddress(); }
+    std::string pathDescription() const { return transport->pathDescription(); }
     std::string peerIdentity() const { return isSecured ? engine.peerIdentity() : std::string(); }
     std::optional<HandshakeFailure> handshakeFailure() const { return failure; }
 
@@ -55,7 +54,7 @@ private:
     const std::unique_ptr<Channel> transport;
     TlsEngine engine;
     QueueRef queue; // set by start
-    TlsChannel* channel = nullptr; // while it wants to be told
+    LinkedChannel<TlsLink>* channel = nullptr; // while it wants to be told
     Subscription deadline; // of the handshake
     std::vector<Waiting> waiting; // for the end of the handshake
     std::size_t waitingBytes = 0;
@@ -64,45 +63,16 @@ private:
     bool isOpen = false;
 };
 
-// Queue: the one given to start. Owned by the session at its end.
-class TlsChannel final : public Channel {
+// Adds what only a channel with keys can tell.
+class TlsChannel final : public LinkedChannel<TlsLink> {
 public:
-    explicit TlsChannel(std::shared_ptr<TlsLink> newLink) : link(std::move(newLink)) {}
-    ~TlsChannel() override
-    {
-        if (!isFinished) link->close();
-    }
-
-    void start(QueueRef queue) override { link->start(std::move(queue), this); }
-    using Channel::send;
-    void send(std::vector<Bytes> parts, Task onSent) override
-    {
-        link->send(std::move(parts), std::move(onSent));
-    }
-    std::size_t unsentBytes() const override { return link->unsentBytes(); }
-    void finish() override
-    {
-        if (!std::exchange(isFinished, true)) link->finish();
-    }
-    std::string remoteAddress() const override { return link->carrier().remoteAddress(); }
-    std::string pathDescription() const override { return link->carrier().pathDescription(); }
+    using LinkedChannel::LinkedChannel;
     std::string peerIdentity() const override { return link->peerIdentity(); }
     bool hasFailedHandshake() const override { return link->handshakeFailure().has_value(); }
     std::optional<HandshakeFailure> handshakeFailure() const { return link->handshakeFailure(); }
-
-    void reportBytes(ByteView bytes) { callOut(onBytes, lifetime.watch(), bytes); }
-    void reportClosed(std::optional<NetError> error)
-    {
-        if (onClosed) std::exchange(onClosed, nullptr)(std::move(error));
-    }
-
-private:
-    const std::shared_ptr<TlsLink> link;
-    bool isFinished = false;
-    Lifetime lifetime;
 };
 
-void TlsLink::start(QueueRef newQueue, TlsChannel* newChannel)
+void TlsLink::start(QueueRef newQueue, LinkedChannel<TlsLink>* newChannel)
 {
     require(!queue, "a channel is started once");
     queue = std::move(newQueue);
@@ -236,7 +206,7 @@ void TlsLink::closeAndReport(std::optional<NetError> error)
     waitingBytes = 0;
     const auto dropped = std::exchange(waiting, {}); // kept to the end: a task may own the channel
     transport->finish();
-    if (TlsChannel* const told = std::exchange(channel, nullptr)) told->reportClosed(std::move(error));
+    if (auto* const told = std::exchange(channel, nullptr)) told->reportClosed(std::move(error));
 }
 
 void TlsLink::close()
