@@ -181,7 +181,7 @@ int main(int argumentCount, char** arguments)
     std::unique_ptr<HostPlatform> platform; // outlive the pool, whose last tasks still use them
     std::optional<PairingStore> pairing;
     QueuePool pool(poolThreads);
-    platform = makeLinuxPlatform(pool, displayNumber(options.display) ? "" : options.display);
+    platform = makeLinuxPlatform(displayNumber(options.display) ? "" : options.display);
     pairing.emplace(places.supportDirectory, pool.makeQueue("dev.pelorin.host.pairing"));
     return run(pool, {*platform, pool, *pairing, displayNumber(options.display)}, std::move(places), signals);
 }

@@ -16,7 +16,7 @@ public:
 
     void begin(QueuePool& pool, const QueueRef&) override
     {
-        platform = makeLinuxPlatform(pool, display);
+        platform = makeLinuxPlatform(display);
         pairing.emplace(support, pool.makeQueue("dev.pelorin.host.pairing"));
         const QueueRef queue = pool.makeQueue("dev.pelorin.host.server");
         const SessionSurroundings surroundings{*platform, pool, *pairing, std::nullopt};
