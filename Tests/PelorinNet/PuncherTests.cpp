@@ -162,52 +162,42 @@ TEST_F(PuncherTest, takesTheFirstThatAnswers)
 
 TEST_F(PuncherTest, isNotFooledByOthers)
 {
-    const RawUDP target, stranger;
-    const std::pair<const char*, std::function<void(const StunMessage&)>> rows[] = {
-        {"signed with another password",
-            [&](const auto& check) { target.send(answerTo(check, "phonePasswordOf24Lettres"), ours()); }},
-        {"signed with our own password",
-            [&](const auto& check) { target.send(answerTo(check, puncher->local.password), ours()); }},
-        {"not signed",
-            [&](const auto& check) {
-                target.send(
-                    StunMessage{check.method, Class::success, check.transactionID, {}}.serialize(), ours());
-            }},
-        {"from another address", [&](const auto& check) { answer(stranger, check); }},
-        {"of another transaction",
-            [&](auto check) {
-                check.transactionID[3] ^= 1;
-                answer(target, check);
-            }},
-        {"an error",
-            [&](const auto& check) {
-                target.send(StunMessage{check.method, Class::error, check.transactionID, {}}.serialize(
-                                bytesOf(phone.password)),
-                    ours());
-            }},
-        {"of another method",
-            [&](const auto& check) {
-                target.send(StunMessage{StunMessage::Method::refresh, Class::success, check.transactionID, {}}
-                                .serialize(bytesOf(phone.password)),
-                    ours());
-            }},
-        {"our own check, reflected",
-            [&](const auto& check) { target.send(check.serialize(bytesOf(phone.password)), ours()); }},
+    const RawUDP target;
+    const struct {
+        const char* what;
+        Class messageClass = Class::success;
+        StunMessage::Method method = StunMessage::Method::binding;
+        std::string_view password = {}; // empty: not signed
+        std::uint8_t idFlip = 0;
+    } rows[] = {
+        {"signed with another password", Class::success, StunMessage::Method::binding,
+            "phonePasswordOf24Lettres"},
+        {"signed with our own password", Class::success, StunMessage::Method::binding,
+            puncher->local.password},
+        {"not signed"},
+        {"of another transaction", Class::success, StunMessage::Method::binding, phone.password, 1},
+        {"an error", Class::error, StunMessage::Method::binding, phone.password},
+        {"of another method", Class::success, StunMessage::Method::refresh, phone.password},
+        {"our own check, reflected", Class::request, StunMessage::Method::binding, phone.password},
     };
     start({candidate(target)});
-    for (const auto& [what, forge] : rows) {
-        SCOPED_TRACE(what);
-        forge(check(target));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        StunMessage forged = check(target);
+        forged.messageClass = row.messageClass;
+        forged.method = row.method;
+        forged.transactionID[3] ^= row.idFlip;
+        target.send(
+            row.password.empty() ? forged.serialize() : forged.serialize(bytesOf(row.password)), ours());
         EXPECT_EQ(takeNotes(), Notes{});
         queues.advance(50ms);
     }
-    EXPECT_TRUE(stranger.receive().empty());
     EXPECT_EQ(puncher->checksAnswered(), 0);
     answer(target, check(target));
     EXPECT_EQ(takeNotes().size(), 2u);
 }
 
-TEST_F(PuncherTest, aForgedAnswerUsesItsCheckUp)
+TEST_F(PuncherTest, aStrangersAnswerIsNoneAndUsesItsCheckUp)
 {
     const RawUDP target, stranger;
     start({candidate(target)});
@@ -432,27 +422,6 @@ TEST_F(PuncherTest, mayStartAnewOrGoFromWithinItsCallbacks)
     start({candidate(target)}, 1s);
     puncher.reset();
     queues.advance(20s);
-    EXPECT_EQ(takeNotes(), Notes{});
-}
-
-TEST_F(PuncherTest, takesAnyBytesInItsStride)
-{
-    const RawUDP target;
-    start({candidate(target)}, 10min);
-    const auto survive = [&](const Bytes& honest) {
-        for (std::size_t bit = 0; bit < honest.size() * 8; ++bit) {
-            auto bytes = honest;
-            bytes[bit / 8] ^= std::uint8_t(1 << bit % 8);
-            puncher->handle(bytes, target.address);
-        }
-        for (std::size_t size = 0; size < honest.size(); ++size)
-            puncher->handle(ByteView(honest).first(size), target.address);
-        queues.runReady();
-    };
-    survive(answerTo(check(target), phone.password));
-    EXPECT_EQ(puncher->checksAnswered(), 0);
-    survive(checkOfPhone().serialize(bytesOf(puncher->local.password)));
-    EXPECT_TRUE(checkedBy.empty());
     EXPECT_EQ(takeNotes(), Notes{});
 }
 

@@ -157,18 +157,12 @@ std::optional<int> lastAlert(const Bytes& stream)
     return stream.back();
 }
 
-struct Record {
-    std::size_t offset;
-    std::uint8_t type;
-    std::size_t length;
-};
-
-std::vector<Record> recordsOf(ByteView stream)
+std::size_t countRecords(ByteView stream)
 {
-    std::vector<Record> records;
-    for (std::size_t at = 0; at + 5 <= stream.size(); at += 5 + records.back().length)
-        records.push_back({at, stream[at], std::size_t(stream[at + 3] << 8 | stream[at + 4])});
-    return records;
+    std::size_t count = 0;
+    for (std::size_t at = 0; at + 5 <= stream.size(); ++count)
+        at += 5 + std::size_t(stream[at + 3] << 8 | stream[at + 4]);
+    return count;
 }
 
 } // namespace
@@ -188,6 +182,7 @@ TEST_F(TlsChannels, letInWhoProvesAListedKeyAndSayWhose)
         EXPECT_EQ(textOf(connection.server.received), "from the phone");
         EXPECT_EQ(connection.server.channel->peerIdentity(), key.identity);
         EXPECT_EQ(connection.client.channel->peerIdentity(), key.identity);
+        queues.advance(1h); // there is no deadline any more
         EXPECT_FALSE(connection.server.closed || connection.client.closed);
         for (const std::string& secret : {std::string("from the"), textOf(key.secret.view())})
             EXPECT_THAT(textOf(wire), testing::Not(HasSubstr(secret)));
@@ -275,7 +270,7 @@ TEST_F(TlsChannels, makeOneSendOfAFrameInFewRecords)
         }
         connection.server.channel->send(std::move(parts));
         ASSERT_EQ(sends.size(), 1u);
-        EXPECT_EQ(recordsOf(sends[0]).size(), (total + 16'383) / 16'384) << total << " bytes";
+        EXPECT_EQ(countRecords(sends[0]), (total + 16'383) / 16'384) << total << " bytes";
         sends.clear();
     }
     queues.runReady();
@@ -341,16 +336,6 @@ TEST_F(TlsChannels, giveAHandshakeTenSecondsHoweverItDrips)
             EXPECT_EQ(end.failure, HandshakeFailure::timedOut);
             EXPECT_TRUE(raw.isClosed);
         }
-}
-
-TEST_F(TlsChannels, haveNoDeadlineOnceSecured)
-{
-    Connection connection(queues);
-    connection.start();
-    queues.advance(1h);
-    connection.client.channel->send(bytesOf("still there"));
-    queues.runReady();
-    EXPECT_EQ(textOf(connection.server.received), "still there");
 }
 
 TEST_F(TlsChannels, tellAPeerThatDoesNotSpeakTLS)

@@ -230,16 +230,6 @@ TEST_F(TlsPeers, refuseEveryOtherClientInWordsThatReachIt)
     }
 }
 
-TEST_F(TlsPeers, completeNoHandshakeWithoutAKey)
-{
-    const std::string port = serve({});
-    Program program(openssl(port, deviceKey.identity, hexSecret, {}));
-    EXPECT_NE(program.waitForExit(), 0);
-    EXPECT_THAT(program.output(), HasSubstr("alert number 115"));
-    ASSERT_TRUE(waitForClose());
-    EXPECT_EQ(connections.back()->failure, HandshakeFailure::keyRefused);
-}
-
 TEST_F(TlsPeers, neitherRenegotiateNorResume)
 {
     const lab::TemporaryFolder folder;
