@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
+#include <set>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
@@ -120,7 +121,31 @@ TEST_F(NatLabTest, routersTranslateAndFilterAsTheirKindSays)
             say(*stranger.get(), "answer", *other);
             heard(*inside, "answer");
         }
+
+        // And when it has spoken to strangers that came first; here to one port of the far address.
+        const auto late = socketIn(lab->internet(), NatLab::strangers[1], otherPort);
+        say(*late, "late", seen);
+        say(*near, "near", seen);
+        const bool isOpenToAddress = letIn.size() > 1;
+        EXPECT_EQ(heard(*inside, "near").size(), isOpenToAddress ? 2 : 1);
     }
+}
+
+TEST_F(NatLabTest, conesGiveEverySocketAPortOfItsOwnTowardsEveryone)
+{
+    NatLab::Machine& machine = lab->addMachine(NatKind::portRestricted);
+    constexpr int count = 150;
+    std::vector<std::unique_ptr<RawUDP>> sockets;
+    std::set<std::uint16_t> seen;
+    for (int i = 0; i < count; ++i) {
+        sockets.push_back(socketIn(machine.network));
+        const RawUDP& stranger = i % 2 ? *near : *far;
+        say(*sockets.back(), "hello", stranger.address);
+        const auto source = sourceOfNext(stranger);
+        ASSERT_TRUE(source);
+        seen.insert(source->port);
+    }
+    EXPECT_EQ(seen.size(), count);
 }
 
 TEST_F(NatLabTest, forgottenMappingsShutTheOldPortAndOpenAnother)

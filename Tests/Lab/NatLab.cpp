@@ -90,7 +90,7 @@ NatLab::Site& NatLab::addSite(NatKind kind)
 
 NatLab::Site::Site(const NetworkNamespace& internet, NatKind kind, int number)
     : cable({gateway, "wan"}, {internet, fmt::format("site{}", number)}),
-      rules{.kind = kind, .outerAddress = outerAddressOf(2 * number + 10), .innerAddress = "192.168.1.2"},
+      rules{.kind = kind, .outerAddress = outerAddressOf(2 * number + 10)},
       spareAddress(outerAddressOf(2 * number + 11))
 {
     internet.configure(batch(fmt::format("route add {}/32 dev site{}\nroute add {}/32 dev site{}",
@@ -136,16 +136,21 @@ NatLab::Machine& NatLab::addMachine(Site& site)
     const bool isPublic = site.kind() == NatKind::none;
     const int number = site.machines++;
     require(number == 0 || !isPublic, "a site without a NAT has one address");
-    const auto address = isPublic ? site.outerAddress() : fmt::format("192.168.1.{}", number + 2);
+    require(number < NatRules::machines, "the router's rules know no more machines");
+    const auto address = isPublic ? site.outerAddress() : NatRules::addressOf(number);
     Machine& machine = *machines.emplace_back(new Machine{site, address, {}});
     std::string plug = fmt::format("link add lan{0} type veth peer name eth0 netns {1}\n"
                                    "link set lan{0} master lan up\n",
         number, machine.network.path());
     if (isPublic) plug += "route add " + address + "/32 dev lan";
     site.gateway.configure(batch(plug));
-    machine.network.configure(batch(fmt::format("address add {}/{} dev eth0\nlink set eth0 up\n"
-                                                "route add default via {} dev eth0 onlink",
-        address, isPublic ? 32 : 24, routerAddress)));
+    const int firstPort = NatRules::firstInnerPort + number * NatRules::portsOfMachine;
+    const auto ports = fmt::format("echo {} {} >/proc/sys/net/ipv4/ip_local_port_range\n", firstPort,
+        firstPort + NatRules::portsOfMachine - 1);
+    machine.network.configure(ports
+        + batch(fmt::format("address add {}/{} dev eth0\nlink set eth0 up\n"
+                            "route add default via {} dev eth0 onlink",
+            address, isPublic ? 32 : 24, routerAddress)));
     return machine;
 }
 

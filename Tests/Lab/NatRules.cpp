@@ -20,25 +20,31 @@ constexpr const char* refuseUnasked = R"(
 constexpr const char* neverBack = R"(
     chain back { type filter hook forward priority -10; iifname "wan" oifname "wan" drop; })";
 
-// The tracker finds the outer port that a socket has already, so that it is the same towards everyone.
+// Every socket inside has one outer port, the same towards everyone. The tracker could choose them by itself,
+// but takes one that another socket has as soon as the two talk to different addresses.
 constexpr const char* translate = R"(
     chain outward {{ type nat hook postrouting priority 100;
-        oifname "wan" ip protocol udp snat to {}:{}-{} {}
+        oifname "wan" ip protocol udp snat ip to udp sport map {{ {} }}
     }})";
 
-// Which outer port stands for which socket inside, and whom that has sent to: learnt from what leaves.
+constexpr const char* translateAnew = R"(
+    chain outward {{ type nat hook postrouting priority 100;
+        oifname "wan" ip protocol udp snat to {}:{}-{} fully-random
+    }})";
+
+// Which outer ports are in use, and whom they have sent to.
 constexpr const char* learn = R"(
-    map sockets { type inet_service : ipv4_addr . inet_service; flags dynamic, timeout; timeout 1m; }
+    set used { type inet_service; flags dynamic, timeout; timeout 1m; }
     set addressed { type inet_service . ipv4_addr; flags dynamic, timeout; timeout 1m; }
     chain learn { type filter hook postrouting priority 150;
-        oifname "wan" update @sockets { udp sport : ct original ip saddr . ct original proto-src }
+        oifname "wan" update @used { udp sport }
         oifname "wan" update @addressed { udp sport . ip daddr }
     })";
 
-// inCondition: who may send to a port that stands for a socket.
+// Who may send to a port that stands for a socket.
 constexpr const char* letIn = R"(
     chain inward {{ type nat hook prerouting priority -100;
-        iifname "wan" ip protocol udp {} dnat ip to udp dport map @sockets
+        iifname "wan" ip protocol udp {} dnat ip to udp dport map {{ {} }}
     }})";
 
 constexpr const char* oneToOne = R"(
@@ -80,29 +86,41 @@ bool allowDirectPath(NatKind one, NatKind other)
     return !(isAnySymmetric && isStrict(one) && isStrict(other));
 }
 
+std::string NatRules::addressOf(int machine)
+{
+    return fmt::format("192.168.1.{}", machine + 2);
+}
+
 std::string NatRules::text() const
 {
-    const auto outward = [&](const char* how) {
-        return fmt::format(fmt::runtime(translate), outerAddress, ports.first, ports.second, how);
-    };
+    std::string outerOf;
+    std::string innerOf;
+    for (int i = 0; i < machines * portsOfMachine; ++i) {
+        const int inner = firstInnerPort + i;
+        const int outer = ports.first + i;
+        outerOf += fmt::format("{} : {} . {}, ", inner, outerAddress, outer);
+        innerOf += fmt::format("{} : {} . {}, ", outer, addressOf(i / portsOfMachine), inner);
+    }
+    const auto outward = fmt::format(fmt::runtime(translate), outerOf);
     const auto inward
-        = [](const char* condition) { return learn + fmt::format(fmt::runtime(letIn), condition); };
+        = [&](const char* condition) { return learn + fmt::format(fmt::runtime(letIn), condition, innerOf); };
     const auto rules = [&]() -> std::string {
         switch (kind) {
         case NatKind::none:
             return "";
         case NatKind::oneToOne:
-            return fmt::format(fmt::runtime(oneToOne), outerAddress, innerAddress);
+            return fmt::format(fmt::runtime(oneToOne), outerAddress, addressOf(0));
         case NatKind::fullCone:
-            return refuseUnasked + outward("") + inward("");
+            return refuseUnasked + outward + inward("udp dport @used");
         case NatKind::addressRestricted:
-            return refuseUnasked + outward("") + inward("udp dport . ip saddr @addressed");
+            return refuseUnasked + outward + inward("udp dport . ip saddr @addressed");
         case NatKind::portRestricted:
-            return refuseUnasked + outward("");
+            return refuseUnasked + outward;
         case NatKind::symmetric:
-            return refuseUnasked + outward("fully-random");
+            return refuseUnasked
+                + fmt::format(fmt::runtime(translateAnew), outerAddress, ports.first, ports.second);
         case NatKind::udpBlocked:
-            return refuseUnasked + outward("") + onlyRelays;
+            return refuseUnasked + outward + onlyRelays;
         }
         return "";
     };

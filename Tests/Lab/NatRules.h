@@ -28,10 +28,15 @@ bool allowDirectPath(NatKind one, NatKind other);
 struct NatRules {
     NatKind kind = NatKind::none;
     std::string outerAddress;
-    std::string innerAddress; // of the machine behind a one-to-one NAT
-    // Outer ports, first and last. They differ from those that sockets choose by themselves, so that nobody
-    // gets through by mistaking one for the other.
+    // Outer ports, first and last. They differ from those that sockets have, so that nobody gets through by
+    // mistaking one for the other.
     std::pair<int, int> ports{20'000, 24'999};
+
+    // Of the machines inside, as the rules know them; their sockets choose from ports of their own each.
+    static std::string addressOf(int machine);
+    static constexpr int machines = 2;
+    static constexpr int firstInnerPort = 40'000;
+    static constexpr int portsOfMachine = 400;
 
     std::string text() const;
 };
