@@ -36,15 +36,6 @@ TEST(FrameDecoder, samplesCoverEveryMessageType)
     EXPECT_THAT(seen, testing::Each(true));
 }
 
-TEST(FrameDecoder, returnsEveryMessageOfOneChunkInOrder)
-{
-    FrameDecoder decoder;
-    const auto messages = decoder.feed(framesOf(sampleMessages()));
-    ASSERT_TRUE(messages);
-    EXPECT_EQ(*messages, sampleMessages());
-    EXPECT_THAT(*decoder.feed({}), IsEmpty());
-}
-
 TEST(FrameDecoder, findsTheSameMessagesAtEveryCutOfTheStream)
 {
     const Bytes stream = framesOf(sampleMessages());
@@ -71,17 +62,6 @@ TEST(FrameDecoder, findsTheSameMessagesByteByByteAndInRandomChunks)
         }
         EXPECT_EQ(messages, sampleMessages()) << "chunks up to " << longestChunk;
     }
-}
-
-TEST(FrameDecoder, completesAFrameWhenItsLastByteArrives)
-{
-    const Bytes frame = encodeFrame(message::Ping{1, 2});
-    FrameDecoder decoder;
-    for (const std::size_t at : {0UL, 3UL, 4UL, 5UL, frame.size() - 2}) SCOPED_TRACE(at);
-    EXPECT_THAT(*decoder.feed(ByteView{frame}.first(3)), IsEmpty());
-    EXPECT_THAT(*decoder.feed(ByteView{frame}.subspan(3, 2)), IsEmpty());
-    EXPECT_THAT(*decoder.feed(ByteView{frame}.subspan(5, frame.size() - 6)), IsEmpty());
-    EXPECT_THAT(*decoder.feed(ByteView{frame}.last(1)), SizeIs(1));
 }
 
 TEST(FrameDecoder, skipsUnknownTypesWhole)

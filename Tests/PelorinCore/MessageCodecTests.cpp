@@ -4,8 +4,6 @@
 
 #include <gmock/gmock.h>
 
-#include <set>
-
 namespace pelorin {
 namespace {
 
@@ -126,15 +124,6 @@ TEST(MessageCodecDeathTest, aListTooLongForItsCountStopsTheProgram)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(payloadOf(message::VideoFormat{VideoCodec::h264, std::vector<Bytes>(256)}), "a list fits");
     EXPECT_DEATH(payloadOf(message::DisplayList{std::vector<DisplayDescriptor>(65'536)}), "a list fits");
-}
-
-TEST(Message, everyTypeHasItsOwnName)
-{
-    std::set<std::string_view> names;
-    for (int code = 0; code <= 255; ++code) names.insert(nameOf(static_cast<MessageType>(code)));
-    EXPECT_EQ(names.size(), std::variant_size_v<Message> + 1);
-    EXPECT_EQ(nameOf(MessageType::liveActivityInfo), "liveActivityInfo");
-    EXPECT_EQ(nameOf(static_cast<MessageType>(7)), "unknown");
 }
 
 } // namespace

@@ -223,18 +223,6 @@ TEST_F(ControllerTest, keepsASecondHostOutButNotTheNextOne)
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
-TEST_F(ControllerTest, quitsInOrder)
-{
-    begin();
-    const auto phone = connect();
-    EXPECT_EQ(ask("{\"command\":\"quit\"}\n"), "{\"quitting\":true}\n");
-    EXPECT_EQ(phone->last<message::Error>().message, "已在 Mac 上断开");
-    EXPECT_FALSE(hasQuit) << "the phone gets a moment to hear it";
-    queues.advance(1s);
-    EXPECT_TRUE(hasQuit);
-    EXPECT_FALSE(std::filesystem::exists(places.supportDirectory / "control.sock"));
-}
-
 TEST_F(ControllerTest, saysWhatIsWrongWithItsDirectory)
 {
     lab::write(folder.path() / "file", "");

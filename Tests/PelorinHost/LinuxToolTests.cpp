@@ -1,14 +1,13 @@
 #include "PelorinHost/Linux/LinuxSystem.h"
 #include "PelorinNet/Queue/ManualQueues.h"
-#include "PelorinNet/Queue/QueuePool.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/Lab/SystemCalls.h"
 #include "Tests/Lab/Wait.h"
 
 #include <algorithm>
 #include <csignal>
-#include <future>
 #include <gtest/gtest.h>
-#include <random>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -181,26 +180,25 @@ TEST_F(LinuxTool, thatCannotStartSaysSoLater)
 
 TEST_F(LinuxTool, leavesNothingBehindWheneverItsOwnerGoes)
 {
-    QueuePool pool(2);
-    const auto realQueue = pool.makeQueue("test");
-    std::mt19937 random(3);
     const auto before = openDescriptors();
-    for (int i = 0; i < 60; ++i) {
-        std::promise<void> gone;
-        auto subscription = std::make_shared<Subscription>();
-        realQueue->post([&, subscription] {
-            *subscription = system.runTool(realQueue,
-                {"/bin/sh", {"-c", "sleep 0.002; head -c 1000 /dev/zero & wait"}, {}, 15s}, [](Outcome) {});
-        });
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 8000)); // any moment of its life
-        realQueue->post([&, subscription] {
-            *subscription = {};
-            gone.set_value();
-        });
-        gone.get_future().get();
+    bool isUnderWay = true;
+    int calls = 0;
+    for (; isUnderWay; ++calls) { // each moment of its life
+        SCOPED_TRACE(calls);
+        start("kill -STOP $$; head -c 1000 /dev/zero & wait; exec echo done");
+        siginfo_t stopped{};
+        ASSERT_EQ(waitid(P_ALL, 0, &stopped, WSTOPPED), 0);
+        const pid_t shell = stopped.si_pid;
+        ASSERT_EQ(ptrace(PTRACE_ATTACH, shell, nullptr, nullptr), 0);
+        ASSERT_EQ(waitpid(shell, nullptr, 0), shell);
+        kill(shell, SIGCONT);
+        isUnderWay = lab::advanceBySystemCalls(shell, calls);
+        if (calls % 2 == 0) queues.runReady(); // with what it wrote read, or not
+        running = {};
+        ASSERT_TRUE(runsUntil([] { return !hasChildren(); }));
+        ASSERT_EQ(openDescriptors(), before);
     }
-    EXPECT_TRUE(lab::eventually([] { return !hasChildren(); }));
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_GT(calls, 20) << "a life of a shell and of a program is longer";
 }
 
 TEST_F(LinuxTool, knowsTheMachinesAddresses)

@@ -5,6 +5,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "PelorinNet/Queue/QueuePool.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/Lab/SystemCalls.h"
 
 #include <barrier>
 #include <csignal>
@@ -386,15 +387,10 @@ bool pairAndKill(const std::filesystem::path& folder, int calls, std::string& to
         ::_exit(::write(progress[1], device->id.data(), device->id.size()) < 0);
     }
     ::close(progress[1]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    for (int stops = 0; stops < 2 * calls && WIFSTOPPED(status); ++stops) { // at the call, and at its return
-        ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-        ::waitpid(child, &status, 0);
-    }
-    const bool isAlive = WIFSTOPPED(status);
-    if (isAlive) ::kill(child, SIGKILL);
-    if (isAlive) ::waitpid(child, nullptr, 0);
+    ::waitpid(child, nullptr, 0);
+    const bool isAlive = lab::advanceBySystemCalls(child, calls);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
     char text[64];
     const auto size = ::read(progress[0], text, sizeof text);
     told.assign(text, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));

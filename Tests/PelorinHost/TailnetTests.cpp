@@ -4,7 +4,6 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Tailnet.h"
 #include "Tests/Lab/Wait.h"
-#include "Tests/Lab/XServer.h"
 
 #include <gtest/gtest.h>
 #include <thread>
@@ -15,59 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 using Side = lab::Tailnet::Side;
 using Answer = lab::Tailnet::Answer;
-
-// Serves one connection and writes where it came from.
-constexpr const char* serve = R"(
-import socket, sys
-listener = socket.create_server((sys.argv[1], 7420), family=socket.AF_INET6 if ":" in sys.argv[1] else socket.AF_INET)
-print("listening", flush=True)
-print("from", listener.accept()[1][0], flush=True)
-)";
-constexpr const char* call = R"(
-import socket, sys
-socket.create_connection((sys.argv[1], 7420), 20, (sys.argv[2], 0))
-)";
-
-TEST(LabTailnet, carriesConnectionsBetweenItsMachines)
-{
-    const lab::Tailnet tailnet, another; // with the same addresses, and out of each other's way
-    const lab::TemporaryFolder folder;
-    const struct {
-        std::string listener, caller;
-    } rows[] = {
-        {lab::Tailnet::address(Side::host), lab::Tailnet::address(Side::phone)},
-        {lab::Tailnet::ipv6Address(Side::host), lab::Tailnet::ipv6Address(Side::phone)},
-        {lab::Tailnet::address(Side::host), lab::Tailnet::foreignAddress(Side::phone)},
-    };
-    for (const auto& [listener, caller] : rows) {
-        const auto output = folder.path() / caller;
-        const auto server = lab::Process::start(
-            tailnet.inside(Side::host, {"/usr/bin/python3", "-c", serve, listener}), {}, output.string());
-        ASSERT_TRUE(lab::eventually([&] { return !lab::contentOf(output).empty(); }));
-        const std::vector<std::string> client{"/usr/bin/python3", "-c", call, listener, caller};
-        EXPECT_NE(lab::Process::start(another.inside(Side::phone, client))->waitForExit(20'000), 0);
-        EXPECT_EQ(lab::Process::start(tailnet.inside(Side::phone, client))->waitForExit(20'000), 0);
-        EXPECT_EQ(server->waitForExit(20'000), 0);
-        EXPECT_EQ(lab::contentOf(output), "listening\nfrom " + caller + "\n");
-    }
-}
-
-TEST(LabTailnet, leavesTheMachineAloneAndLetsXClientsOut)
-{
-    const bool hadTool = std::filesystem::exists("/usr/local/bin/tailscale");
-    const lab::XServer server;
-    std::unique_ptr<lab::Process> client;
-    {
-        const lab::Tailnet tailnet;
-        EXPECT_EQ(std::filesystem::exists("/usr/local/bin/tailscale"), hadTool);
-        EXPECT_NE(lab::outputOf(tailnet.inside(Side::host, {"xdpyinfo"}), {"DISPLAY=" + server.display()})
-                      .find("dimensions:    1280x720"),
-            std::string::npos);
-        EXPECT_EQ(lab::outputOf(tailnet.inside(Side::phone, {"tailscale", "whois", "--json", "100.99.0.9"})),
-            "peer not found\n");
-    }
-    EXPECT_EQ(std::filesystem::exists("/usr/local/bin/tailscale"), hadTool);
-}
 
 // The host's own means, on a thread that went to its machine.
 class Asker {

@@ -127,17 +127,6 @@ TEST_F(PhoneSessionTest, listensToNothingButTheAnswerBeforeIt)
     EXPECT_FALSE(end);
 }
 
-TEST_F(PhoneSessionTest, endsWithTheTextOfTheHostsError)
-{
-    greet();
-    hostSays(message::Error{ErrorCode::replaced, "另一台设备已连接"});
-    ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, SessionEnd::Kind::refused);
-    EXPECT_EQ(end->code, ErrorCode::replaced);
-    EXPECT_EQ(end->text, "另一台设备已连接");
-    EXPECT_TRUE(host->isClosed);
-}
-
 TEST_F(PhoneSessionTest, refusesAnotherVersion)
 {
     hostSays(message::HelloAck{4, "Old host"});
@@ -235,15 +224,6 @@ TEST_F(PhoneSessionTest, forgivesTheSilenceOfItsOwnSleep)
     EXPECT_FALSE(end);
 }
 
-TEST_F(PhoneSessionTest, endsWhenTheHostHangsUp)
-{
-    greet();
-    hostQueue->post([this] { host->hangUp(); });
-    queues.runReady();
-    ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, SessionEnd::Kind::dropped);
-}
-
 TEST_F(PhoneSessionTest, asksForKeyframesAtABoundedRateUntilOneComes)
 {
     greet();
@@ -310,17 +290,6 @@ TEST_F(PhoneSessionTest, boundsWhatWaitsForTheDecoder)
     pictures.clear();
     hostSays(encoder.encode(100, true));
     EXPECT_EQ(pictures.size(), 1U);
-}
-
-TEST_F(PhoneSessionTest, saysByeWhenItLeaves)
-{
-    greet();
-    run([this] {
-        session->leave();
-        session.reset();
-    });
-    EXPECT_EQ(heard<message::Bye>().size(), 1U);
-    EXPECT_FALSE(end);
 }
 
 TEST_F(PhoneSessionTest, mayBeDestroyedInAnyCallback)
