@@ -1,10 +1,9 @@
 #include "PelorinNet/Path/DatagramProxy.h"
 
-#include "PelorinNet/Path/TurnClient.h"
 #include "PelorinNet/Stun/ChannelData.h"
 #include "PelorinNet/Stun/StunMessage.h"
 #include "Tests/PelorinNet/QueueHarness.h"
-#include "Tests/PelorinNet/RawUDP.h"
+#include "Tests/PelorinNet/ScriptedRelay.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -35,7 +34,7 @@ std::vector<Bytes> bytesOf(const RawUDP& socket)
 }
 
 // A relay that gives to everybody who knows the password.
-class ScriptedRelay : public RawUDP {
+class WillingRelay : public ScriptedRelay {
 public:
     // Answers requests; what else arrives is kept.
     bool serve()
@@ -44,37 +43,19 @@ public:
         for (auto& [bytes, source] : receive()) {
             client = source;
             const auto request = StunMessage::parse(bytes);
-            if (request && request->messageClass == StunMessage::Class::request) {
-                send(answer(*request), source);
-                isAnyServed = true;
-            } else {
-                relayed.push_back(std::move(bytes));
+            if (!request || request->messageClass != Class::request) {
+                passedOn.push_back(std::move(bytes));
+                continue;
             }
+            isAnyServed = true;
+            request->attribute(Type::messageIntegrity) ? accept({*request, bytes, source})
+                                                       : challenge({*request, bytes, source});
         }
         return isAnyServed;
     }
 
-    std::vector<Bytes> relayed;
+    std::vector<Bytes> passedOn;
     SocketAddress client;
-
-private:
-    static Bytes answer(const StunMessage& request)
-    {
-        using Type = StunMessage::AttributeType;
-        StunMessage message{request.method, StunMessage::Class::success, request.transactionID, {}};
-        if (!request.attribute(Type::messageIntegrity)) {
-            message.messageClass = StunMessage::Class::error;
-            message.attributes.emplace_back(Type::errorCode, Bytes{0, 0, 4, 1});
-            message.attributes.emplace_back(Type::realm, "realm");
-            message.attributes.emplace_back(Type::nonce, "nonce");
-            return message.serialize();
-        }
-        const auto here = SocketAddress::ipv4({203, 0, 113, 9}, 50'000);
-        for (const auto type : {Type::xorRelayedAddress, Type::xorMappedAddress})
-            message.attributes.push_back(StunMessage::xorAddressAttribute(type, here, request.transactionID));
-        message.attributes.emplace_back(Type::lifetime, Bytes{0, 0, 2, 88});
-        return message.serialize(StunMessage::longTermKey("user", "realm", "password"));
-    }
 };
 
 class DatagramProxies : public testing::Test {
@@ -108,11 +89,11 @@ protected:
         proxy->path = Path::direct(peer.address);
     }
     // An allocation on the relay, with one channel, known to the proxy.
-    std::unique_ptr<TurnClient> allocate(ScriptedRelay& relay)
+    std::unique_ptr<TurnClient> allocate(WillingRelay& relay)
     {
         auto socket = UDPSocket::open("127.0.0.1", 0, queue).value();
         auto turn = std::make_unique<TurnClient>(
-            std::move(socket), std::vector{relay.address}, TurnCredentials{"user", "password"}, queue);
+            std::move(socket), std::vector{relay.address}, relay.credentials, queue);
         bool isBound = false;
         turn->allocate([&](const auto& allocated) { EXPECT_TRUE(allocated); });
         settle(relay);
@@ -123,7 +104,7 @@ protected:
         proxy->openChannel(*turn, channel);
         return turn;
     }
-    void settle(ScriptedRelay& relay)
+    void settle(WillingRelay& relay)
     {
         do queues.runReady();
         while (relay.serve());
@@ -221,7 +202,7 @@ TEST_F(DatagramProxies, letNobodyButValidatedPeersReachQuic)
 
 TEST_F(DatagramProxies, carryQuicOverARelaysOpenChannels)
 {
-    ScriptedRelay relay;
+    WillingRelay relay;
     const auto turn = allocate(relay);
     proxy->quicEndpoint = quic.address;
     proxy->path = Path::relayed(*turn, channel);
@@ -230,7 +211,7 @@ TEST_F(DatagramProxies, carryQuicOverARelaysOpenChannels)
     for (const auto& bytes : sent) framed.push_back(ChannelData::frame(channel, bytes));
     for (const auto& bytes : sent) quic.send(bytes, proxy->local().localAddress());
     settle(relay);
-    EXPECT_TRUE(relay.relayed == framed);
+    EXPECT_TRUE(relay.passedOn == framed);
     for (const auto& bytes : framed) relay.send(bytes, relay.client);
     queues.runReady();
     EXPECT_TRUE(bytesOf(quic) == sent);
@@ -250,18 +231,18 @@ TEST_F(DatagramProxies, carryQuicOverARelaysOpenChannels)
     ASSERT_EQ(checks.size(), 1);
     EXPECT_EQ(checks[0], std::pair(check, Path::relayed(*turn, channel)));
 
-    relay.relayed.clear();
+    relay.passedOn.clear();
     proxy->send(check, Path::relayed(*turn, channel));
     proxy->send(check, Path::direct(peer.address));
     settle(relay);
-    EXPECT_THAT(relay.relayed, ElementsAre(ChannelData::frame(channel, check)));
+    EXPECT_THAT(relay.passedOn, ElementsAre(ChannelData::frame(channel, check)));
     EXPECT_THAT(bytesOf(peer), ElementsAre(check));
 
-    relay.relayed.clear();
+    relay.passedOn.clear();
     proxy->blockedTurn = turn.get();
     for (int i = 0; i < 3; ++i) fromQuic(sent[0]);
     settle(relay);
-    EXPECT_TRUE(relay.relayed.empty());
+    EXPECT_TRUE(relay.passedOn.empty());
     EXPECT_EQ(proxy->counters().sent, 100);
     EXPECT_EQ(
         proxy->statistics(), "sent 100, received 100, last received 0.0 s ago, dropped 3 by the test switch");
@@ -316,7 +297,7 @@ TEST_F(DatagramProxies, tellThatThePeerSendsOverAnotherPath)
     goDirect();
     RawUDP other;
     proxy->validatedPeers.insert(other.address);
-    ScriptedRelay relay;
+    WillingRelay relay;
     auto turn = allocate(relay);
     const Path relayed = Path::relayed(*turn, channel);
     std::vector<Path> changes;
@@ -360,7 +341,7 @@ TEST_F(DatagramProxies, mayBeDestroyedInAnyCallback)
         SCOPED_TRACE(where);
         proxy = DatagramProxy::open(queue).value();
         goDirect();
-        ScriptedRelay relay;
+        WillingRelay relay;
         RawUDP gone, other;
         gone.close();
         auto turn = allocate(relay);

@@ -1,7 +1,7 @@
 #include "PelorinNet/Path/TurnClient.h"
 
 #include "PelorinNet/Queue/ManualQueues.h"
-#include "Tests/PelorinNet/RawUDP.h"
+#include "Tests/PelorinNet/ScriptedRelay.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -16,9 +16,6 @@ using Class = StunMessage::Class;
 using AttributeType = StunMessage::AttributeType;
 using Key = std::array<std::uint8_t, 16>;
 
-const TurnCredentials credentials{"1790000000:phone", "c2VjcmV0"};
-const SocketAddress relayedAddress = SocketAddress::ipv4({198, 51, 100, 9}, 50'000);
-const SocketAddress mappedAddress = SocketAddress::ipv4({203, 0, 113, 7}, 40'000);
 const SocketAddress peer = SocketAddress::ipv4({192, 0, 2, 77}, 4'242);
 
 std::string textOf(const StunMessage& message, std::uint16_t type)
@@ -27,73 +24,16 @@ std::string textOf(const StunMessage& message, std::uint16_t type)
     return {value.begin(), value.end()};
 }
 
-StunMessage::Attribute errorAttribute(int code, std::string_view reason)
-{
-    Bytes value{0, 0, std::uint8_t(code / 100), std::uint8_t(code % 100)};
-    value.insert(value.end(), reason.begin(), reason.end());
-    return {AttributeType::errorCode, value};
-}
-
-// A relay that does exactly what a case tells it, on a socket with nothing of ours in it.
-struct ScriptedRelay {
-    struct Request {
-        StunMessage message;
-        Bytes bytes;
-        SocketAddress source;
-    };
-
-    std::vector<Request> received() const
-    {
-        std::vector<Request> all;
-        for (auto& [bytes, source] : socket.receive()) {
-            auto message = StunMessage::parse(bytes);
-            EXPECT_TRUE(message);
-            if (message) all.push_back({*message, bytes, source});
-        }
-        return all;
-    }
-
-    Key key() const { return StunMessage::longTermKey(credentials.username, realm, credentials.credential); }
-
-    void challenge(const Request& request, int code = 401) const
-    {
-        StunMessage error{request.message.method, Class::error, request.message.transactionID, {}};
-        error.attributes = {errorAttribute(code, code == 438 ? "Stale Nonce" : "Unauthorized"),
-            {AttributeType::realm, realm}, {AttributeType::nonce, nonce}};
-        socket.send(error.serialize(), request.source);
-    }
-    void refuse(const Request& request, int code, std::string_view reason) const
-    {
-        StunMessage error{request.message.method, Class::error, request.message.transactionID,
-            {errorAttribute(code, reason)}};
-        socket.send(error.serialize(key()), request.source);
-    }
-    Bytes success(const Request& request) const
-    {
-        StunMessage answer{request.message.method, Class::success, request.message.transactionID, {}};
-        if (answer.method == Method::allocate)
-            for (const auto& [type, address] : {std::pair(AttributeType::xorRelayedAddress, relayedAddress),
-                     std::pair(AttributeType::xorMappedAddress, mappedAddress)})
-                answer.attributes.push_back(
-                    StunMessage::xorAddressAttribute(type, address, answer.transactionID));
-        return answer.serialize(key());
-    }
-    void accept(const Request& request) const { socket.send(success(request), request.source); }
-
-    RawUDP socket;
-    std::string realm = "relay.example";
-    std::string nonce = "nonce-1";
-};
-
 class TurnClientTest : public testing::Test {
 protected:
-    TurnClientTest() { makeClient({relay.socket.address}); }
+    TurnClientTest() { makeClient({relay.address}); }
 
     void makeClient(std::vector<SocketAddress> candidates)
     {
         auto socket = *UDPSocket::open("127.0.0.1", 0, queue);
         local = socket->localAddress();
-        client = std::make_unique<TurnClient>(std::move(socket), std::move(candidates), credentials, queue);
+        client = std::make_unique<TurnClient>(
+            std::move(socket), std::move(candidates), relay.credentials, queue);
     }
 
     // What the client asks of the relay by now.
@@ -146,7 +86,7 @@ protected:
         startAllocate();
         relay.challenge(request());
         relay.accept(request());
-        ASSERT_EQ(takeOutcomes(), std::vector{relayedAddress.text()});
+        ASSERT_EQ(takeOutcomes(), std::vector{relay.relayed.text()});
     }
 
     ManualQueues queues;
@@ -171,7 +111,7 @@ TEST_F(TurnClientTest, allocatesWithTheCredentialsThatTheRelayAsksFor)
     relay.challenge(first);
     const auto second = request();
     EXPECT_NE(second.message.transactionID, first.message.transactionID);
-    EXPECT_EQ(textOf(second.message, AttributeType::username), credentials.username);
+    EXPECT_EQ(textOf(second.message, AttributeType::username), relay.credentials.username);
     EXPECT_EQ(textOf(second.message, AttributeType::realm), relay.realm);
     EXPECT_EQ(textOf(second.message, AttributeType::nonce), relay.nonce);
     EXPECT_EQ(textOf(second.message, AttributeType::requestedTransport), std::string("\x11\0\0\0", 4));
@@ -179,9 +119,9 @@ TEST_F(TurnClientTest, allocatesWithTheCredentialsThatTheRelayAsksFor)
     EXPECT_EQ(client->verifiedResponses(), 0u);
 
     relay.accept(second);
-    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
-    EXPECT_EQ(client->relayed(), relayedAddress);
-    EXPECT_EQ(client->mapped(), mappedAddress);
+    EXPECT_EQ(takeOutcomes(), Outcomes{relay.relayed.text()});
+    EXPECT_EQ(client->relayed(), relay.relayed);
+    EXPECT_EQ(client->mapped(), relay.mapped);
     EXPECT_EQ(client->verifiedResponses(), 1u);
 }
 
@@ -229,7 +169,7 @@ TEST_F(TurnClientTest, asksFourTimesAndIsContentWithAnyAnswer)
         EXPECT_EQ(takeOutcomes(), Outcomes{"allocate failed: 508 Insufficient Capacity"});
         queues.advance(10s);
         EXPECT_TRUE(requests().empty()) << "an answered request is not sent again";
-        makeClient({relay.socket.address});
+        makeClient({relay.address});
     }
 }
 
@@ -297,7 +237,7 @@ TEST_F(TurnClientTest, failsWhereAChallengeCannotBeMet)
     const std::pair<std::string, std::string> rows[]
         = {{"", "nonce"}, {"realm", ""}, {std::string(764, 'r'), "nonce"}, {"realm", std::string(764, 'n')}};
     for (const auto& [realm, nonce] : rows) {
-        makeClient({relay.socket.address});
+        makeClient({relay.address});
         relay.realm = realm;
         relay.nonce = nonce;
         startAllocate();
@@ -309,7 +249,7 @@ TEST_F(TurnClientTest, failsWhereAChallengeCannotBeMet)
     // One that comes later costs its request and nothing else.
     relay.realm = "relay.example";
     relay.nonce = "nonce-1";
-    makeClient({relay.socket.address});
+    makeClient({relay.address});
     allocate();
     relay.nonce = std::string(764, 'n');
     start(Method::refresh);
@@ -327,7 +267,7 @@ TEST_F(TurnClientTest, refusesASuccessWithoutARelayedAddress)
     relay.challenge(request());
     const auto asked = request();
     const StunMessage empty{Method::allocate, Class::success, asked.message.transactionID, {}};
-    relay.socket.send(empty.serialize(relay.key()), local);
+    relay.send(empty.serialize(relay.key()), local);
     EXPECT_EQ(takeOutcomes(), Outcomes{"Allocate succeeded without a relayed address"});
     EXPECT_FALSE(client->relayed());
 }
@@ -349,7 +289,7 @@ TEST_F(TurnClientTest, waitsOnWhenAnAnswerIsNotTheRelaysToThisRequest)
         {"a success signed with another key", Class::success, Method::refresh, wrongKey},
         {"an unsigned success"},
         {"a refusal signed with another key", Class::error, Method::refresh, wrongKey, 0,
-            {errorAttribute(437, "Allocation Mismatch")}},
+            {ScriptedRelay::errorAttribute(437, "Allocation Mismatch")}},
         {"an error without a code", Class::error, Method::refresh, key},
         {"another method's success", Class::success, Method::allocate, key},
         {"another transaction's success", Class::success, Method::refresh, key, 1},
@@ -361,11 +301,11 @@ TEST_F(TurnClientTest, waitsOnWhenAnAnswerIsNotTheRelaysToThisRequest)
         const auto asked = request();
         StunMessage forged{row.method, row.messageClass, asked.message.transactionID, row.attributes};
         forged.transactionID[11] ^= row.idFlip;
-        relay.socket.send(row.key.empty() ? forged.serialize() : forged.serialize(row.key), local);
+        relay.send(row.key.empty() ? forged.serialize() : forged.serialize(row.key), local);
         EXPECT_EQ(takeOutcomes(), Outcomes{});
         const auto honest = relay.success(asked);
         stranger.send(honest, local);
-        relay.socket.send(ByteView(honest).first(honest.size() / 2), local);
+        relay.send(ByteView(honest).first(honest.size() / 2), local);
         EXPECT_EQ(takeOutcomes(), Outcomes{});
         relay.accept(asked);
         EXPECT_EQ(takeOutcomes(), Outcomes{""});
@@ -381,7 +321,7 @@ TEST_F(TurnClientTest, hearsEachAnswerOnce)
     ASSERT_EQ(second.size(), 1u) << "a repeated challenge is answered once";
     for (int i = 0; i < 3; ++i) relay.accept(second[0]);
     relay.refuse(second[0], 437, "Allocation Mismatch");
-    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
+    EXPECT_EQ(takeOutcomes(), Outcomes{relay.relayed.text()});
 }
 
 TEST_F(TurnClientTest, keepsRequestsApartThatRunSideBySide)
@@ -413,7 +353,7 @@ TEST_F(TurnClientTest, takesAnAnswerUnderTheKeyOfItsRequest)
     relay.realm = "moved.example";
     relay.challenge(sent[0], 401);
     relay.accept(request());
-    relay.socket.send(answer, local);
+    relay.send(answer, local);
     EXPECT_EQ(takeOutcomes(), (Outcomes{"", ""}));
 }
 
@@ -421,7 +361,7 @@ TEST_F(TurnClientTest, usesTheFirstOfTheRelaysAddressesThatAnswers)
 {
     const ScriptedRelay slower;
     const RawUDP silent;
-    makeClient({silent.address, slower.socket.address, relay.socket.address});
+    makeClient({silent.address, slower.address, relay.address});
     startAllocate();
     const auto asked = request();
     const auto askedOfSlower = slower.received();
@@ -433,10 +373,10 @@ TEST_F(TurnClientTest, usesTheFirstOfTheRelaysAddressesThatAnswers)
     relay.challenge(asked);
     slower.challenge(askedOfSlower[0]);
     relay.accept(request());
-    EXPECT_EQ(takeOutcomes(), Outcomes{relayedAddress.text()});
-    EXPECT_EQ(client->server(), relay.socket.address);
+    EXPECT_EQ(takeOutcomes(), Outcomes{relay.relayed.text()});
+    EXPECT_EQ(client->server(), relay.address);
     EXPECT_TRUE(slower.received().empty());
-    EXPECT_FALSE(client->handle(Bytes(20), slower.socket.address)) << "it is nobody's now";
+    EXPECT_FALSE(client->handle(Bytes(20), slower.address)) << "it is nobody's now";
 }
 
 TEST_F(TurnClientTest, handsRelayedDataOnOnceThereIsAnAllocation)
@@ -454,18 +394,18 @@ TEST_F(TurnClientTest, handsRelayedDataOnOnceThereIsAnAllocation)
         return received;
     };
     const Bytes framed = ChannelData::frame(0x4003, Bytes{1, 2, 3, 4, 5});
-    EXPECT_TRUE(deliver(relay.socket, framed).empty()) << "nothing is allocated";
+    EXPECT_TRUE(deliver(relay, framed).empty()) << "nothing is allocated";
     allocate();
 
     const RawUDP stranger;
     EXPECT_TRUE(deliver(stranger, framed).empty());
     const std::vector<std::pair<std::uint16_t, Bytes>> expected{{0x4003, {1, 2, 3, 4, 5}}};
     batches = 0;
-    EXPECT_EQ(deliver(relay.socket, framed), expected);
+    EXPECT_EQ(deliver(relay, framed), expected);
     EXPECT_EQ(batches, 1);
-    EXPECT_TRUE(deliver(relay.socket, Bytes(framed.begin(), framed.begin() + 8)).empty()) << "cut off";
-    EXPECT_TRUE(deliver(relay.socket, Bytes{0x50, 0, 0, 0}).empty()) << "no channel";
-    EXPECT_TRUE(deliver(relay.socket, {}).empty());
+    EXPECT_TRUE(deliver(relay, Bytes(framed.begin(), framed.begin() + 8)).empty()) << "cut off";
+    EXPECT_TRUE(deliver(relay, Bytes{0x50, 0, 0, 0}).empty()) << "no channel";
+    EXPECT_TRUE(deliver(relay, {}).empty());
 }
 
 TEST_F(TurnClientTest, givesTheAllocationBackAtItsEnd)
@@ -488,7 +428,7 @@ TEST_F(TurnClientTest, endsAnywhereWithoutAWord)
     client.reset();
     EXPECT_TRUE(requests().empty()) << "the relay knows nothing of it";
 
-    makeClient({relay.socket.address});
+    makeClient({relay.address});
     startAllocate();
     relay.challenge(request());
     request();
@@ -503,7 +443,7 @@ TEST_F(TurnClientTest, endsAnywhereWithoutAWord)
         [&] { queues.advance(8s); },
     };
     for (const auto& end : endings) {
-        makeClient({relay.socket.address});
+        makeClient({relay.address});
         client->allocate([this](const auto&) {
             client.reset();
             note("gone");
@@ -514,14 +454,14 @@ TEST_F(TurnClientTest, endsAnywhereWithoutAWord)
         requests();
     }
 
-    makeClient({relay.socket.address});
+    makeClient({relay.address});
     allocate();
     client->onChannelData = [this](std::uint16_t, ByteView) {
         client.reset();
         note("gone");
     };
-    relay.socket.send(ChannelData::frame(0x4000, Bytes{1}), local);
-    relay.socket.send(ChannelData::frame(0x4000, Bytes{2}), local);
+    relay.send(ChannelData::frame(0x4000, Bytes{1}), local);
+    relay.send(ChannelData::frame(0x4000, Bytes{2}), local);
     EXPECT_EQ(takeOutcomes(), Outcomes{"gone"});
 }
 
@@ -532,7 +472,7 @@ TEST_F(TurnClientTest, hearsThatTheRelayIsGone)
         client.reset();
         note(std::to_string(errorNumber));
     };
-    relay.socket.close();
+    relay.close();
     client->send(0x4000, Bytes{1});
     EXPECT_EQ(takeOutcomes(), Outcomes{std::to_string(ECONNREFUSED)});
 }
