@@ -80,11 +80,6 @@ std::string Tailnet::ipv6Address(Side side)
     return "fd7a:115c:a1e0::" + lastNumber(side);
 }
 
-std::string Tailnet::foreignAddress(Side side)
-{
-    return "192.168.77." + lastNumber(side);
-}
-
 std::string Tailnet::nodeName(Side side)
 {
     return side == Side::host ? "desk" : "janes-phone";
@@ -127,7 +122,6 @@ void Tailnet::connect()
     for (const Side side : sides) {
         run(inside(side, {"ip", "address", "add", address(side) + "/10", "dev", "tailscale0"}));
         run(inside(side, {"ip", "address", "add", ipv6Address(side) + "/48", "dev", "tailscale0", "nodad"}));
-        run(inside(side, {"ip", "address", "add", foreignAddress(side) + "/24", "dev", "tailscale0"}));
         run(inside(side, {"ip", "link", "set", "tailscale0", "up"}));
     }
 }

@@ -20,7 +20,6 @@ public:
 
     static std::string address(Side side); // "100.101.102.1", "100.101.102.2"
     static std::string ipv6Address(Side side);
-    static std::string foreignAddress(Side side); // on the same cable, but of no tailnet
     static constexpr const char* loginName = "Jane@example.com"; // of both machines
     static constexpr const char* otherLoginName = "stranger@example.com";
     static std::string nodeName(Side side); // "desk", "janes-phone"
