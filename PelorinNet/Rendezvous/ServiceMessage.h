@@ -1,0 +1,22 @@
+#pragma once
+
+#include "PelorinNet/Path/PathServers.h"
+#include "PelorinNet/Path/TurnClient.h"
+
+#include <nlohmann/json_fwd.hpp>
+
+// How both ends of a session read what the rendezvous service sends them. Whatever comes in, nothing throws.
+namespace pelorin::ServiceMessage {
+
+// The text under that key; empty when message is no object or has no text there.
+std::string text(const nlohmann::json& message, const char* key);
+
+// The servers that the service lends to one session: message's "turn", {"username", "credential", "uris"}.
+struct Servers {
+    PathServers path; // every relay answers STUN requests, too
+    std::optional<TurnCredentials> credentials; // none: there are no relays
+};
+// URIs as RFC 7064 and 7065 write them, over UDP; others are passed over, as is what goes beyond 8 of them.
+Servers servers(const nlohmann::json& message);
+
+} // namespace pelorin::ServiceMessage
