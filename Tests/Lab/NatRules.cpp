@@ -41,10 +41,11 @@ constexpr const char* learn = R"(
         oifname "wan" update @addressed { udp sport . ip daddr }
     })";
 
-// Who may send to a port that stands for a socket.
+// Who may send to a port that stands for a socket. An address given up leads to none, though the port may be
+// in use again.
 constexpr const char* letIn = R"(
     chain inward {{ type nat hook prerouting priority -100;
-        iifname "wan" ip protocol udp {} dnat ip to udp dport map {{ {} }}
+        iifname "wan" ip daddr {} {} dnat ip to udp dport map {{ {} }}
     }})";
 
 constexpr const char* oneToOne = R"(
@@ -102,8 +103,9 @@ std::string NatRules::text() const
         innerOf += fmt::format("{} : {} . {}, ", outer, addressOf(i / portsOfMachine), inner);
     }
     const auto outward = fmt::format(fmt::runtime(translate), outerOf);
-    const auto inward
-        = [&](const char* condition) { return learn + fmt::format(fmt::runtime(letIn), condition, innerOf); };
+    const auto inward = [&](const char* condition) {
+        return learn + fmt::format(fmt::runtime(letIn), outerAddress, condition, innerOf);
+    };
     const auto rules = [&]() -> std::string {
         switch (kind) {
         case NatKind::none:
