@@ -124,7 +124,7 @@ void PhoneSession::received(ByteView bytes)
 {
     lastHeardAt = queue->now();
     auto messages = decoder.feed(bytes);
-    if (!messages) return end(SessionEnd::Kind::protocolError, messages.error().description());
+    if (!messages) return end(End::Kind::protocolError, messages.error().description());
     isAnswered |= !messages->empty();
     const auto alive = lifetime.watch();
     for (Message& message : *messages) {
@@ -139,7 +139,7 @@ void PhoneSession::received(ByteView bytes)
 void PhoneSession::closed(const std::optional<NetError>& error)
 {
     const auto failure = PelorinTLS::handshakeFailure(*channel);
-    end({.kind = failure ? SessionEnd::Kind::notLetIn : SessionEnd::Kind::dropped,
+    end({.kind = failure ? End::Kind::notLetIn : End::Kind::dropped,
         .text = error ? error->description : "the host closed the connection",
         .handshake = failure});
 }
@@ -155,7 +155,7 @@ void PhoneSession::handleGreeting(Message message)
 void PhoneSession::handle(message::HelloAck message)
 {
     if (message.version != protocolVersion)
-        return end(SessionEnd::Kind::incompatible,
+        return end(End::Kind::incompatible,
             fmt::format(
                 "the host speaks protocol version {}, this program {}", message.version, protocolVersion));
     state = State::running;
@@ -206,7 +206,7 @@ void PhoneSession::handle(const message::Pong& message)
 
 void PhoneSession::handle(const message::Error& message)
 {
-    end({.kind = SessionEnd::Kind::refused, .code = message.code, .text = message.message});
+    end({.kind = End::Kind::refused, .code = message.code, .text = message.message});
 }
 
 void PhoneSession::showed(const ReceivedPicture& picture)
@@ -254,7 +254,7 @@ void PhoneSession::everySecond()
     if (gap > stalledTick)
         lastHeardAt = now;
     else if (now - lastHeardAt > silenceLimit)
-        return end(SessionEnd::Kind::dropped, "the host stopped responding");
+        return end(End::Kind::dropped, "the host stopped responding");
 
     const auto alive = lifetime.watch();
     const PhoneFigures figures = statistics.takeSecond(secondsOf(gap));
@@ -283,12 +283,12 @@ void PhoneSession::ping()
     write(message::Ping{nextPingID++, microsOf(now)});
 }
 
-void PhoneSession::end(SessionEnd::Kind kind, std::string text)
+void PhoneSession::end(End::Kind kind, std::string text)
 {
     end({.kind = kind, .text = std::move(text)});
 }
 
-void PhoneSession::end(SessionEnd how)
+void PhoneSession::end(End how)
 {
     how.isUnanswered = !isAnswered;
     close();

@@ -11,22 +11,6 @@
 
 namespace pelorin {
 
-// Why a session ended, when it was not our own doing.
-struct SessionEnd {
-    enum class Kind {
-        refused, // the host sent an error: code and its text for the user
-        incompatible, // the host speaks another protocol version
-        notLetIn, // TLS did not come about, see handshake
-        dropped, // the connection closed, broke, or fell silent
-        protocolError, // what came is not our protocol
-    };
-    Kind kind = Kind::dropped;
-    std::optional<ErrorCode> code{}; // refused
-    std::string text{};
-    std::optional<PelorinTLS::HandshakeFailure> handshake{}; // notLetIn
-    bool isUnanswered = false; // the host said nothing that a host says, as one does that expects TLS
-};
-
 // One session as the phone sees it: says hello, keeps the session alive, reports, decodes the video, carries
 // input. Before the host's helloAck only that and an error are listened to. Everything, callbacks included,
 // is on the queue; any callback may destroy the session. Owns the channel and the video receiver.
@@ -37,6 +21,22 @@ public:
         Viewport viewport;
         DisplaySettings display;
         ClientCapabilities capabilities; // reading frame stamps is added to them
+    };
+
+    // Why a session ended, when it was not our own doing.
+    struct End {
+        enum class Kind {
+            refused, // the host sent an error: code and its text for the user
+            incompatible, // the host speaks another protocol version
+            notLetIn, // TLS did not come about, see handshake
+            dropped, // the connection closed, broke, or fell silent
+            protocolError, // what came is not our protocol
+        };
+        Kind kind = Kind::dropped;
+        std::optional<ErrorCode> code{}; // refused
+        std::string text{};
+        std::optional<PelorinTLS::HandshakeFailure> handshake{}; // notLetIn
+        bool isUnanswered = false; // the host said nothing that a host says, as one does that expects TLS
     };
 
     // The channel is not started yet; decodeQueue is for the decoder alone.
@@ -53,7 +53,7 @@ public:
     std::function<void(std::string)> onPathInfo;
     std::function<void(std::string)> onClipboard;
     std::function<void(const PhoneFigures&)> onSecond; // the second that just passed
-    std::function<void(SessionEnd)> onEnd; // at most once, and not after leave
+    std::function<void(End)> onEnd; // at most once, and not after leave
 
     void start(); // says hello
     // Input, options, viewport and display changes; whatever a phone may send after hello. Without effect
@@ -81,8 +81,8 @@ private:
     void everySecond();
     void report(const PhoneFigures& figures);
     void ping();
-    void end(SessionEnd::Kind kind, std::string text);
-    void end(SessionEnd how);
+    void end(End::Kind kind, std::string text);
+    void end(End how);
     void close();
     void write(const Message& message);
 

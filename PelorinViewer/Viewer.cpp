@@ -120,7 +120,7 @@ void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
     session->onSecond = [this](const PhoneFigures& figures) {
         if (onSecond) onSecond(figures);
     };
-    session->onEnd = [this](const SessionEnd& end) { ended(end); };
+    session->onEnd = [this](const PhoneSession::End& end) { ended(end); };
     session->start();
 }
 
@@ -198,16 +198,16 @@ void Viewer::showed(const ReceivedPicture& picture)
     if (goesOn() && frames == options.frames) reached(Goal::frames);
 }
 
-void Viewer::ended(const SessionEnd& end)
+void Viewer::ended(const PhoneSession::End& end)
 {
-    using Kind = SessionEnd::Kind;
+    using Kind = PhoneSession::End::Kind;
     if (end.kind == Kind::notLetIn && triesAgain()) return;
     const bool isRefusal = end.kind == Kind::refused || end.kind == Kind::incompatible
         || end.handshake == PelorinTLS::HandshakeFailure::keyRefused;
     finish(isRefusal ? ViewerExit::refused : ViewerExit::lost, explained(end));
 }
 
-std::string Viewer::explained(const SessionEnd& end) const
+std::string Viewer::explained(const PhoneSession::End& end) const
 {
     using enum PelorinTLS::HandshakeFailure;
     if (end.handshake == keyRefused)

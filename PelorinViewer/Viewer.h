@@ -53,8 +53,8 @@ private:
     void connected(Result<std::unique_ptr<Channel>, NetError> channel);
     void greeted(const std::string& hostName);
     void showed(const ReceivedPicture& picture);
-    void ended(const SessionEnd& end);
-    std::string explained(const SessionEnd& end) const;
+    void ended(const PhoneSession::End& end);
+    std::string explained(const PhoneSession::End& end) const;
     void startMeasurement();
     void reached(Goal goal);
     Result<void, std::string> saveScreenshot(const std::string& file);

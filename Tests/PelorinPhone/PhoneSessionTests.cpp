@@ -25,7 +25,7 @@ protected:
                 PhoneSession::Settings{"Test phone", {1170, 2532, 3}, {}, clientCapability::decodesHEVC});
             session->onHello = [this](const std::string& name) { hostName = name; };
             session->onPicture = [this](const ReceivedPicture& picture) { pictures.push_back(picture); };
-            session->onEnd = [this](const SessionEnd& reason) { end = reason; };
+            session->onEnd = [this](const PhoneSession::End& reason) { end = reason; };
             session->start();
         });
         queues.runReady();
@@ -77,7 +77,7 @@ protected:
     PictureEncoder encoder{VideoCodec::h264, 64, 48};
     std::string hostName;
     std::vector<ReceivedPicture> pictures;
-    std::optional<SessionEnd> end;
+    std::optional<PhoneSession::End> end;
 };
 
 TEST_F(PhoneSessionTest, saysHelloFirstAndReadsStamps)
@@ -131,7 +131,7 @@ TEST_F(PhoneSessionTest, refusesAnotherVersion)
 {
     hostSays(message::HelloAck{4, "Old host"});
     ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, SessionEnd::Kind::incompatible);
+    EXPECT_EQ(end->kind, PhoneSession::End::Kind::incompatible);
     EXPECT_TRUE(hostName.empty());
 }
 
@@ -147,7 +147,7 @@ TEST_P(PhoneSessionFedWith, bytesThatAreNoFramesEnds)
 {
     hostSays(GetParam());
     ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, SessionEnd::Kind::protocolError);
+    EXPECT_EQ(end->kind, PhoneSession::End::Kind::protocolError);
 }
 
 TEST_F(PhoneSessionTest, takesTheLongestDisplayList)
@@ -212,7 +212,7 @@ TEST_F(PhoneSessionTest, endsAfterFiveSecondsOfSilence)
     EXPECT_FALSE(end);
     queues.advance(1200ms);
     ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, SessionEnd::Kind::dropped);
+    EXPECT_EQ(end->kind, PhoneSession::End::Kind::dropped);
 }
 
 TEST_F(PhoneSessionTest, forgivesTheSilenceOfItsOwnSleep)
@@ -308,7 +308,7 @@ TEST_F(PhoneSessionTest, mayBeDestroyedInAnyCallback)
 
 TEST_F(PhoneSessionTest, mayBeDestroyedWhenItEnds)
 {
-    session->onEnd = [this](const SessionEnd&) { session.reset(); };
+    session->onEnd = [this](const PhoneSession::End&) { session.reset(); };
     Bytes frames = encodeFrame(message::Error{ErrorCode::unauthorized, "no"});
     const Bytes more = encodeFrame(message::Error{ErrorCode::unauthorized, "no again"});
     frames.insert(frames.end(), more.begin(), more.end());

@@ -30,7 +30,7 @@ public:
         session->onPicture = [this](const ReceivedPicture&) { pictureArrived(); };
         session->onPathInfo
             = [this](const std::string& text) { onReport({{"event", "path"}, {"text", text}}); };
-        session->onEnd = [this](const SessionEnd& how) {
+        session->onEnd = [this](const PhoneSession::End& how) {
             typing.cancel();
             onReport({{"event", "closed"}, {"error", how.text}});
         };
