@@ -24,16 +24,22 @@ public:
     virtual void send(const nlohmann::json& object) = 0; // without effect while not open
     virtual void ping() = 0; // the bare text frame "ping", which the service answers with "pong"
     // The next object that has that key, of those that nobody has taken. Fails after timeout with "timed
-    // out", and once the link has ended with the reason for that.
-    virtual void next(std::string key, Duration timeout, Received done) = 0;
+    // out", and once the link has ended with the reason for that. Without a timeout it waits on.
+    virtual void next(std::string key, std::optional<Duration> timeout, Received done) = 0;
     virtual SteadyTime lastReceived() const = 0; // of any frame; of the opening before the first
     virtual void close() = 0; // with code 1000
 
-    std::function<void(const NetError& reason)> onEnd; // at most once, and not after close
+    // Of a link that was open: at most once, and not after close.
+    std::function<void(const NetError& reason)> onEnd;
 };
 
 // Makes one for a URL with the scheme ws or wss; it is not open yet.
 using RendezvousSocketMaker = std::function<std::unique_ptr<RendezvousSocket>(QueueRef, std::string url)>;
+
+class QueuePool;
+// Real ones, for queues of that pool, which outlives the maker. With wss the service must show a certificate
+// for its name that the system trusts.
+RendezvousSocketMaker rendezvousSockets(QueuePool& pool);
 
 // The WebSocket URL of that path, "v1/host", at a service: https becomes wss, and http ws; a path that the
 // service's own URL has goes before. Nothing for what is no such URL.

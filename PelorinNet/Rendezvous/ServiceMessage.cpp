@@ -9,6 +9,7 @@ namespace {
 
 using nlohmann::json;
 
+constexpr int maxDepth = 16;
 constexpr std::size_t maxUris = 8;
 constexpr std::size_t maxHostSize = 253; // of a name in the DNS
 
@@ -49,6 +50,15 @@ std::optional<PathServers::Server> serverIn(std::string_view text)
 }
 
 } // namespace
+
+Result<json, NetError> ServiceMessage::parse(std::string_view text)
+{
+    const auto isShallow = [](int depth, json::parse_event_t, json&) { return depth < maxDepth; };
+    json message = json::parse(text, isShallow, false);
+    if (!message.is_object())
+        return std::unexpected(NetError{"rendezvous sent something that isn't a JSON object"});
+    return message;
+}
 
 std::string ServiceMessage::text(const json& message, const char* key)
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "PelorinCore/Result.h"
+#include "PelorinNet/NetError.h"
 #include "PelorinNet/Path/PathServers.h"
 #include "PelorinNet/Path/TurnClient.h"
 
@@ -7,6 +9,11 @@
 
 // How both ends of a session read what the rendezvous service sends them. Whatever comes in, nothing throws.
 namespace pelorin::ServiceMessage {
+
+inline constexpr std::size_t largest = 64 * 1024; // bytes of one message, as a text frame
+// One JSON object. What is nested deeper than any message of ours is left out: copying it would use up our
+// stack.
+Result<nlohmann::json, NetError> parse(std::string_view text);
 
 // The text under that key; empty when message is no object or has no text there.
 std::string text(const nlohmann::json& message, const char* key);
