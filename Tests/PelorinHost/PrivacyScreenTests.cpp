@@ -1,0 +1,69 @@
+#include "PelorinHost/Screen/PrivacyScreen.h"
+#include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Fakes/FakeDisplays.h"
+
+#include <gmock/gmock.h>
+
+namespace pelorin {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+struct PrivacyScreenTest : testing::Test {
+    fakes::FakeDisplays displays;
+    ManualQueues queues;
+    std::optional<PrivacyScreen> privacy{
+        std::in_place, displays, queues.makeQueue("dev.pelorin.host.privacy")};
+    std::vector<std::string> lines;
+
+    PrivacyScreenTest()
+    {
+        Log::observe([this](LogLevel, std::string_view, std::string_view text) { lines.emplace_back(text); });
+    }
+    ~PrivacyScreenTest() override { Log::observe({}); }
+};
+
+TEST_F(PrivacyScreenTest, blackensEveryDisplayEverySecondUntilItIsOff)
+{
+    displays.physical = {7, 8};
+    privacy->setEnabled(true);
+    privacy->setEnabled(true);
+    ASSERT_EQ(displays.gamma.size(), 2u);
+    for (const auto& [id, table] : displays.gamma) {
+        EXPECT_THAT(table.red, ElementsAre(0, 0));
+        EXPECT_THAT(table.green, ElementsAre(0, 0));
+        EXPECT_THAT(table.blue, ElementsAre(0, 0));
+    }
+    displays.gamma.clear(); // as the system may
+    displays.physical = {7, 9};
+    queues.advance(999ms);
+    EXPECT_TRUE(displays.gamma.empty());
+    queues.advance(1ms);
+    EXPECT_TRUE(displays.gamma.contains(7) && displays.gamma.contains(9));
+
+    privacy->setEnabled(false);
+    const int calls = displays.gammaCalls;
+    queues.advance(10s);
+    EXPECT_EQ(displays.gammaCalls, calls);
+    EXPECT_TRUE(displays.gamma.empty());
+    EXPECT_THAT(lines, ElementsAre("privacy screen on", "privacy screen off"));
+}
+
+TEST_F(PrivacyScreenTest, onlyRestoresWhenItIsOffAndWhenItGoes)
+{
+    privacy->setEnabled(false);
+    EXPECT_EQ(displays.gammaRestorations, 1);
+    EXPECT_EQ(displays.gammaCalls, 0);
+    EXPECT_THAT(lines, ElementsAre("privacy screen off"));
+
+    privacy->setEnabled(true);
+    privacy.reset();
+    EXPECT_TRUE(displays.gamma.empty());
+    EXPECT_EQ(displays.gammaRestorations, 2);
+    queues.advance(10s);
+    EXPECT_TRUE(displays.gamma.empty());
+}
+
+} // namespace
+} // namespace pelorin
