@@ -1,7 +1,8 @@
 #include "PelorinHost/HostController.h"
 
-#include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
+#include "PelorinNet/Identity/KeyFingerprint.h"
+#include "PelorinNet/Identity/SoftwareIdentity.h"
 
 #include <algorithm>
 #include <map>
@@ -64,8 +65,19 @@ Result<void, std::string> HostController::start()
     };
     config = HostConfig::load(places.supportDirectory);
     connectionLog.emplace(places.logDirectory);
+    if (config.rendezvous && !config.rendezvousURL.empty()) loadIdentity();
     startServer();
     return {};
+}
+
+void HostController::loadIdentity()
+{
+    auto loaded = SoftwareIdentity::loadOrCreate(places.supportDirectory / SoftwareIdentity::fileName,
+        surroundings.platform.system().hostName(), queue->wallNow());
+    if (loaded)
+        identity = std::move(*loaded);
+    else
+        log.error("rendezvous: cannot load or create this Mac's key: {}", loaded.error().description);
 }
 
 template <class Work>
@@ -144,10 +156,16 @@ void HostController::disconnectSession(ControlSocket::Reply reply)
 void HostController::beginPairing(ControlSocket::Reply reply)
 {
     const auto answer = here([this, reply = std::move(reply)](const HostServer::Status& status) {
-        reply(PairingCommands::pair(
-            surroundings.pairing, status, config, surroundings.platform.system().hostName()));
+        reply(PairingCommands::pair(surroundings.pairing, status, config,
+            surroundings.platform.system().hostName(), remotePairing()));
     });
     server.run([answer](HostServer& running) { answer(running.status()); });
+}
+
+std::optional<PairingCommands::Remote> HostController::remotePairing() const
+{
+    if (!identity) return std::nullopt;
+    return PairingCommands::Remote{KeyFingerprint::hostID(identity->publicKey()), identity->fingerprint()};
 }
 
 std::optional<std::chrono::seconds> HostController::pairingOpenFor() const

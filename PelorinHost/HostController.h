@@ -3,6 +3,8 @@
 #include "PelorinHost/HostServer.h"
 #include "PelorinHost/Shell/ConnectionLog.h"
 #include "PelorinHost/Shell/ControlSocket.h"
+#include "PelorinHost/Shell/PairingCommands.h"
+#include "PelorinNet/Identity/DeviceIdentity.h"
 
 namespace pelorin {
 
@@ -25,12 +27,14 @@ public:
     void quit();
 
 private:
+    void loadIdentity();
     void startServer();
     void handle(const ServerEvent& event);
     void handleRequest(const std::string& text, ControlSocket::Reply reply);
     void reportStatus(ControlSocket::Reply reply);
     void disconnectSession(ControlSocket::Reply reply);
     void beginPairing(ControlSocket::Reply reply);
+    std::optional<PairingCommands::Remote> remotePairing() const;
     std::optional<std::chrono::seconds> pairingOpenFor() const;
     void letGo();
     // A callback of the server's that does its work on our queue.
@@ -43,6 +47,7 @@ private:
     QueueRef queue;
     Log log{"controller"};
     HostConfig config;
+    std::unique_ptr<DeviceIdentity> identity; // where there is a service to register with
     std::unique_ptr<ControlSocket> controlSocket;
     std::optional<ConnectionLog> connectionLog;
     Confined<HostServer> server;

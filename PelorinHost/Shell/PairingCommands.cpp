@@ -1,6 +1,6 @@
 #include "PelorinHost/Shell/PairingCommands.h"
 
-#include "PelorinCore/Pairing/PairingLink.h"
+#include "PelorinCore/Pairing/RemotePairingLink.h"
 #include "PelorinHost/Trust/QrImage.h"
 
 #include <fmt/chrono.h>
@@ -21,17 +21,33 @@ std::string refusal(const std::string& why)
     return replyOf({{"error", why}});
 }
 
-std::optional<std::string> whyNoPairing(const HostServer::Status& server, const HostConfig& config)
+std::optional<std::string> whyNoPairing(
+    const HostServer::Status& server, const HostConfig& config, bool isRemote)
 {
     if (!config.requirePairing || config.allowLoopbackForTesting)
         return "没法配对：未启用配对（requirePairing 关闭或处于测试模式），只校验 Tailscale 身份\n"
                "This host does not ask phones to be paired (requirePairing is off, or it runs in test mode).";
-    if (server.tailnetAddress) return std::nullopt;
+    if (server.tailnetAddress || isRemote) return std::nullopt;
     if (!config.rendezvous)
         return "没法配对：远程连接已在配置文件里关闭（host.json 的 rendezvous），这台 Mac 也没有 Tailscale";
-    return "没法配对：这台 Mac 现在没有 Tailscale 地址，配对要通过 Tailscale 进行\n"
-           "Pairing needs an address on the tailnet, which this machine does not have now. "
-           "Start Tailscale and try again.";
+    return "没法配对：这台 Mac 现在没有 Tailscale 地址，也没有设置远程服务（host.json 的 rendezvousURL）\n"
+           "Pairing needs an address on the tailnet, which this machine does not have now, or a rendezvous "
+           "service. Start Tailscale and try again, or set rendezvousURL in host.json.";
+}
+
+SecretBytes secretOf(const std::string& text)
+{
+    return SecretBytes(ByteView(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+}
+
+std::string readableReview(const json& pairing)
+{
+    if (!pairing.contains("reviewLink")) return "";
+    const json& link = pairing.at("reviewLink");
+    return "\n" + pairing.at("reviewText").get<std::string>() + "\n"
+        + (link.is_null() ? "There is no link for it: reviewPairingCode in host.json needs 32 bytes for that."
+                          : link.get<std::string>())
+        + "\n";
 }
 
 std::string readableTime(const std::string& iso)
@@ -53,15 +69,28 @@ std::optional<std::string> readable(const std::string& reply, const Read& read)
 } // namespace
 
 std::string PairingCommands::pair(PairingStore& store, const HostServer::Status& server,
-    const HostConfig& config, const std::string& hostName)
+    const HostConfig& config, const std::string& hostName, const std::optional<Remote>& remote)
 {
-    if (const auto why = whyNoPairing(server, config)) return refusal(*why);
+    if (const auto why = whyNoPairing(server, config, remote.has_value())) return refusal(*why);
     const auto offer = store.beginPairing();
-    const PairingLink link{hostName, *server.tailnetAddress, server.dnsName,
-        server.port ? server.port : config.port, offer.key.identity, offer.key.secret};
+    const auto throughService = [&](const SecretBytes& code) {
+        return RemotePairingLink{hostName, remote->hostID, remote->fingerprint, config.rendezvousURL, code};
+    };
+    PairingOffer link;
+    if (server.tailnetAddress)
+        link.tailnet = PairingLink{hostName, *server.tailnetAddress, server.dnsName,
+            server.port ? server.port : config.port, offer.key.identity, offer.key.secret};
+    if (remote) link.remote = throughService(offer.code);
     const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(PairingStore::validity).count();
-    return replyOf({{"link", link.url()}, {"expiresInSeconds", PairingStore::validity.count()},
-        {"text", fmt::format("用 iPhone 相机或 Pelorin 扫码配对，{} 分钟内有效，只能用一次", minutes)}});
+    json reply{{"link", link.url()}, {"expiresInSeconds", PairingStore::validity.count()},
+        {"text", fmt::format("用 iPhone 相机或 Pelorin 扫码配对，{} 分钟内有效，只能用一次", minutes)}};
+    if (remote && !config.reviewPairingCode.empty()) {
+        const std::string review = throughService(secretOf(config.reviewPairingCode)).url();
+        reply["reviewText"] = "审核模式：配对链接长期有效，只用于演示 Mac";
+        const bool isLink = RemotePairingLink::parse(review).has_value();
+        reply["reviewLink"] = isLink ? json(review) : json();
+    }
+    return replyOf(reply);
 }
 
 std::string PairingCommands::devices(const PairingStore& store)
@@ -88,7 +117,7 @@ std::optional<std::string> PairingCommands::readablePair(const std::string& repl
         const auto link = pairing.at("link").get<std::string>();
         const auto code = QrImage::of(link);
         return (code ? code->terminal() : "") + link + "\n\n" + pairing.at("text").get<std::string>()
-            + "\nFor another computer: pelorin-viewer '" + link + "'\n";
+            + "\nFor another computer: pelorin-viewer '" + link + "'\n" + readableReview(pairing);
     });
 }
 

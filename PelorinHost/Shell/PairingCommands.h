@@ -8,9 +8,16 @@ namespace pelorin {
 // with the member "error" says, for people, why nothing was done.
 namespace PairingCommands {
 
-// Puts a pairing on offer and replies with its link.
+// By what a phone far away recognizes this host: its key, and its name at the service that is configured.
+struct Remote {
+    std::string hostID;
+    Bytes fingerprint;
+};
+
+// Puts a pairing on offer and replies with its link, which leads over the tailnet, through the service or
+// both. remote: none when the host is not to be reached so.
 std::string pair(PairingStore& store, const HostServer::Status& server, const HostConfig& config,
-    const std::string& hostName);
+    const std::string& hostName, const std::optional<Remote>& remote);
 std::string devices(const PairingStore& store);
 std::string remove(PairingStore& store, const std::string& id);
 

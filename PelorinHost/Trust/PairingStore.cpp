@@ -1,11 +1,9 @@
 #include "PelorinHost/Trust/PairingStore.h"
 
 #include "PelorinCore/Label.h"
-#include "PelorinCore/Pairing/Base64URL.h"
 #include "PelorinHost/Trust/ChangeNotice.h"
 #include "PelorinHost/Trust/PairedDevicesFile.h"
 #include "PelorinNet/Channel/PelorinTLS.h"
-#include "PelorinNet/Identity/HmacSHA256.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
 #include "PelorinNet/Log.h"
 
@@ -31,11 +29,6 @@ bool isPublicKey(ByteView key)
 bool hasFingerprint(const PairingStore::Device& device, ByteView fingerprint)
 {
     return device.publicKey && std::ranges::equal(KeyFingerprint::of(*device.publicKey), fingerprint);
-}
-
-void append(Bytes& bytes, std::string_view text)
-{
-    bytes.insert(bytes.end(), text.begin(), text.end());
 }
 
 } // namespace
@@ -234,16 +227,6 @@ bool PairingStore::remove(const std::string& id)
     shared->log.info("removed paired phone {} ({})", name, id);
     shared->changes.post();
     return true;
-}
-
-Bytes pairingProof(const SecretBytes& code, ByteView publicKey, const std::string& context)
-{
-    Bytes said;
-    append(said, "pelorin-pair-v1|");
-    append(said, context);
-    append(said, "|");
-    append(said, base64EncodedString(KeyFingerprint::of(publicKey)));
-    return hmacSHA256(code.view(), said);
 }
 
 } // namespace pelorin

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PelorinCore/Pairing/Key.h"
+#include "PelorinNet/Identity/PairingProof.h"
 #include "PelorinNet/Queue/SerialQueue.h"
 
 #include <filesystem>
@@ -64,9 +65,5 @@ private:
 
     std::shared_ptr<Shared> shared;
 };
-
-// What a phone shows to prove that it knows code: HMAC-SHA-256 over "pelorin-pair-v1|", the context of the
-// exchange, "|" and its key's fingerprint in base64.
-Bytes pairingProof(const SecretBytes& code, ByteView publicKey, const std::string& context);
 
 } // namespace pelorin

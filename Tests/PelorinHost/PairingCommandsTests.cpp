@@ -1,4 +1,4 @@
-#include "PelorinCore/Pairing/PairingLink.h"
+#include "PelorinCore/Pairing/RemotePairingLink.h"
 #include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinNet/Log.h"
 #include "PelorinNet/Queue/ManualQueues.h"
@@ -19,10 +19,11 @@ struct PairingCommandsTest : testing::Test {
     PairingStore store{folder.path(), queues.makeQueue("pairing")};
     HostConfig config;
     HostServer::Status server;
+    std::optional<PairingCommands::Remote> remote;
 
     nlohmann::json pair()
     {
-        return nlohmann::json::parse(PairingCommands::pair(store, server, config, "王's Studio"));
+        return nlohmann::json::parse(PairingCommands::pair(store, server, config, "王's Studio", remote));
     }
 };
 
@@ -55,6 +56,36 @@ TEST_F(PairingCommandsTest, offersALinkToWhereTheHostListens)
     ASSERT_TRUE(link);
     EXPECT_EQ(link->port, 7420);
     EXPECT_FALSE(link->dnsName);
+}
+
+TEST_F(PairingCommandsTest, offersTheWayThroughTheServiceToo)
+{
+    remote = {"abcdefghijklmnopqrstuvwx27", Bytes(32, 7)};
+    config.rendezvousURL = "https://rendezvous.example.org";
+    for (const bool hasTailnet : {false, true}) {
+        if (hasTailnet) server.tailnetAddress = "100.101.102.103";
+        const auto reply = pair();
+        const auto link = PairingOffer::parse(reply["link"].get<std::string>());
+        ASSERT_TRUE(link && link->remote);
+        EXPECT_EQ(link->tailnet.has_value(), hasTailnet);
+        const RemotePairingLink expected{
+            "王's Studio", remote->hostID, remote->fingerprint, config.rendezvousURL, store.pending()->code};
+        EXPECT_EQ(*link->remote, expected);
+        EXPECT_FALSE(reply.contains("reviewLink"));
+        EXPECT_THAT(PairingCommands::readablePair(reply.dump()).value(), HasSubstr("▀")); // the code holds it
+    }
+
+    config.reviewPairingCode = "审核用的十个汉字啊ab123"; // 32 bytes
+    const auto reply = pair();
+    const auto review = RemotePairingLink::parse(reply["reviewLink"].get<std::string>());
+    ASSERT_TRUE(review);
+    EXPECT_EQ(std::string(review->code.view().begin(), review->code.view().end()), config.reviewPairingCode);
+    EXPECT_EQ(reply["reviewText"], "审核模式：配对链接长期有效，只用于演示 Mac");
+    EXPECT_THAT(PairingCommands::readablePair(reply.dump()).value(), HasSubstr("\n" + review->url() + "\n"));
+    config.reviewPairingCode += "4";
+    EXPECT_THAT(PairingCommands::readablePair(pair().dump()).value(), HasSubstr("needs 32 bytes"));
+    remote.reset();
+    EXPECT_FALSE(pair().contains("reviewLink"));
 }
 
 TEST_F(PairingCommandsTest, refusesInWordsWhereALinkWouldBeOfNoUse)
