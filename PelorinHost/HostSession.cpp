@@ -100,7 +100,7 @@ void HostSession::start()
     queue->assertCurrent();
     outlet.onClogged = [this](std::size_t unsentBytes) { end(SessionEnd::notReading(unsentBytes)); };
     connection->onBytes = [this](ByteView bytes) { receive(bytes); };
-    connection->onClosed = [this](std::optional<NetError> error) { connectionClosed(error); };
+    connection->onClosed = [this](const std::optional<NetError>& error) { connectionClosed(error); };
     connection->start(queue);
 }
 

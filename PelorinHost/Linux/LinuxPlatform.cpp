@@ -72,7 +72,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<HostPlatform> makeLinuxPlatform(std::string display)
+std::unique_ptr<HostPlatform> makeLinuxPlatform(const std::string& display)
 {
     return std::make_unique<X11Platform>(display);
 }

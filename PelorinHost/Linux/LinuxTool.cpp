@@ -11,8 +11,6 @@
 #include <unistd.h>
 #include <utility>
 
-extern char** environ;
-
 namespace pelorin {
 namespace {
 
@@ -42,6 +40,7 @@ bool openPipe(int (&ends)[2])
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
+    result.reserve(strings.size() + 1);
     for (auto& text : strings) result.push_back(text.data());
     result.push_back(nullptr);
     return result;
@@ -162,8 +161,10 @@ bool LinuxTool::spawn(std::string& problem)
     closeDescriptor(errors[1]);
     streams[0].fd = output[0];
     streams[1].fd = errors[0];
-    if (failure == 0 && (processFd = static_cast<int>(::syscall(SYS_pidfd_open, child, 0))) < 0)
-        failure = errno;
+    if (failure == 0) {
+        processFd = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
+        if (processFd < 0) failure = errno;
+    }
     for (const auto& stream : streams)
         if (failure == 0) ::fcntl(stream.fd, F_SETFL, O_NONBLOCK);
     if (failure == 0) return true;

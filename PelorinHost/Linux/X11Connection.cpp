@@ -17,8 +17,8 @@ constexpr auto connectPatience = 3s; // a server under load answers within milli
 
 Result<X11Connection, PlatformError> X11Connection::open(const std::string& display)
 {
-    const std::string shown
-        = display.empty() ? (std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "") : display;
+    const char* const environment = std::getenv("DISPLAY");
+    const std::string shown = display.empty() && environment ? environment : display;
     if (shown.empty()) return std::unexpected(PlatformError{"no X server: DISPLAY is not set"});
 
     // xcb waits for ever for a server that accepts and then says nothing. The thread owns what it waits for:

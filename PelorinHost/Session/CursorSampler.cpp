@@ -44,7 +44,7 @@ struct CursorSampler::Run : std::enable_shared_from_this<Run> {
     void sampleShape(double pointsPerPixelNow);
 };
 
-CursorSampler::CursorSampler(QueueRef queue, QueueRef cursorQueue,
+CursorSampler::CursorSampler(const QueueRef& queue, QueueRef cursorQueue,
     std::function<std::unique_ptr<CursorSource>()> makeSource, const InputInjector& injector)
     : run(std::make_shared<Run>())
 {

@@ -11,7 +11,7 @@ namespace pelorin {
 // goes before the injector it asks.
 class CursorSampler {
 public:
-    CursorSampler(QueueRef queue, QueueRef cursorQueue,
+    CursorSampler(const QueueRef& queue, QueueRef cursorQueue,
         std::function<std::unique_ptr<CursorSource>()> makeSource, const InputInjector& injector);
     ~CursorSampler();
 

@@ -86,7 +86,7 @@ void ControlSocket::readFrom(ClientID id)
     client.received.append(chunk, static_cast<std::size_t>(count));
     const auto end = client.received.find('\n');
     if (end == std::string::npos && client.received.size() < maxRequestBytes) return;
-    if (end == std::string::npos || end > maxRequestBytes) {
+    if (end > maxRequestBytes) { // there is none, too
         clients.erase(id);
         return log.warning("control request too long");
     }
