@@ -34,7 +34,7 @@ struct HostConfig {
     bool requirePairing = true;
     bool allowLoopbackForTesting = false; // test mode: 127.0.0.1 only, no identity checks
     bool rendezvous = true;
-    std::string rendezvousURL; // empty: the built-in default
+    std::string rendezvousURL; // "https://…"; empty: none, this host stays off
     std::string reviewPairingCode; // empty: none
     LiveActivity liveActivity;
     bool operator==(const HostConfig&) const = default;

@@ -44,12 +44,13 @@ std::string line(const json& object)
 
 } // namespace
 
-HostController::HostController(
-    SessionSurroundings newSurroundings, HostServer::Listen newListen, Places newPlaces, QueueRef newQueue)
+HostController::HostController(SessionSurroundings newSurroundings, HostServer::Listen newListen,
+    Places newPlaces, QueueRef newQueue, RendezvousSocketMaker newMakeSocket)
     : surroundings(newSurroundings),
       listen(std::move(newListen)),
       places(std::move(newPlaces)),
-      queue(std::move(newQueue))
+      queue(std::move(newQueue)),
+      makeSocket(std::move(newMakeSocket))
 {
 }
 
@@ -65,7 +66,11 @@ Result<void, std::string> HostController::start()
     };
     config = HostConfig::load(places.supportDirectory);
     connectionLog.emplace(places.logDirectory);
-    if (config.rendezvous && !config.rendezvousURL.empty()) loadIdentity();
+    const auto service = RemoteEntrance::serviceIn(config);
+    if (service)
+        loadIdentity();
+    else
+        log.info("rendezvous: no phone comes in from elsewhere: {}", service.error());
     startServer();
     return {};
 }
@@ -93,9 +98,12 @@ auto HostController::here(const Work& work)
 void HostController::startServer()
 {
     const QueueRef serverQueue = surroundings.queues.makeQueue("dev.pelorin.host.server");
+    std::optional<RemoteEntrance::Means> remote;
+    if (makeSocket && identity)
+        remote = RemoteEntrance::Means{makeSocket, *RemoteEntrance::serviceIn(config), identity};
     server = Confined<HostServer>(
-        serverQueue, [surroundings = surroundings, config = config, listen = listen, serverQueue] {
-            return std::make_unique<HostServer>(surroundings, config, listen, serverQueue);
+        serverQueue, [surroundings = surroundings, config = config, listen = listen, serverQueue, remote] {
+            return std::make_unique<HostServer>(surroundings, config, listen, serverQueue, remote);
         });
     server.run([onEvent = here([this](const ServerEvent& event) { handle(event); }),
                    onLine = here([this](const std::string& text) {
@@ -140,6 +148,7 @@ void HostController::reportStatus(ControlSocket::Reply reply)
             .rendezvous = rendezvousStatus,
             .requiresPairing = config.requirePairing && !config.allowLoopbackForTesting,
             .pairingOpenFor = pairingOpenFor(),
+            .hasReviewCode = !config.reviewPairingCode.empty(),
             .pairedDevices = surroundings.pairing.devices().size()}
                 .toJSON());
     });

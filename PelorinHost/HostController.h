@@ -17,8 +17,9 @@ public:
         std::filesystem::path supportDirectory;
         std::filesystem::path logDirectory;
     };
-    HostController(
-        SessionSurroundings surroundings, HostServer::Listen listen, Places places, QueueRef queue);
+    // Without makeSocket the host stays out of the rendezvous service's reach.
+    HostController(SessionSurroundings surroundings, HostServer::Listen listen, Places places, QueueRef queue,
+        RendezvousSocketMaker makeSocket = {});
 
     std::function<void()> onQuit; // everything is let go of, the program may end; at most once
 
@@ -45,9 +46,10 @@ private:
     HostServer::Listen listen;
     Places places;
     QueueRef queue;
+    RendezvousSocketMaker makeSocket;
     Log log{"controller"};
     HostConfig config;
-    std::unique_ptr<DeviceIdentity> identity; // where there is a service to register with
+    std::shared_ptr<const DeviceIdentity> identity; // where there is a service to register with
     std::unique_ptr<ControlSocket> controlSocket;
     std::optional<ConnectionLog> connectionLog;
     Confined<HostServer> server;

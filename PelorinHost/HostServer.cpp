@@ -53,12 +53,13 @@ struct HostServer::Reporter {
     }
 };
 
-HostServer::HostServer(
-    SessionSurroundings newSurroundings, HostConfig newConfig, Listen newListen, QueueRef newQueue)
+HostServer::HostServer(SessionSurroundings newSurroundings, HostConfig newConfig, Listen newListen,
+    QueueRef newQueue, std::optional<RemoteEntrance::Means> newRemote)
     : surroundings(newSurroundings),
       config(std::move(newConfig)),
       listen(std::move(newListen)),
       queue(std::move(newQueue)),
+      remoteMeans(std::move(newRemote)),
       admission(surroundings.platform.system(), queue, config)
 {
     admission.onAllowedLogins
@@ -74,6 +75,22 @@ void HostServer::start()
     keysWatch = surroundings.pairing.onDidChange(queue, [this] { keysChanged(); });
     timer = queue->every(refreshPeriod, [this] { refresh(); });
     refresh();
+    if (remoteMeans) openRemoteEntrance();
+}
+
+void HostServer::openRemoteEntrance()
+{
+    remoteEntrance = std::make_unique<RemoteEntrance>(
+        surroundings, config, *std::exchange(remoteMeans, std::nullopt), queue);
+    remoteEntrance->onStream = [this](std::unique_ptr<Channel> channel, const std::string& phoneName) {
+        acceptRemote(std::move(channel), phoneName);
+    };
+    remoteEntrance->onRefused = [this](const std::string& reason) { reject("远程手机", reason, reason); };
+    remoteEntrance->onRegistration = [this] {
+        const bool isRegistered = remoteEntrance->registeredAs().has_value();
+        publish(serverEvent::Rendezvous{
+            isRegistered ? std::optional("已登记到 " + config.rendezvousURL) : std::nullopt});
+    };
 }
 
 bool HostServer::stop()
@@ -82,6 +99,8 @@ bool HostServer::stop()
     timer.cancel();
     keysWatch.cancel();
     listener.reset();
+    // Its paths stay: the last message still goes over them.
+    if (remoteEntrance) remoteEntrance->onStream = nullptr;
     asking.clear();
     const bool hadPhone = activeSession || !pendingSessions.empty();
     for (auto& [id, record] : pendingSessions) end(record, SessionEnd::onMac());
@@ -168,14 +187,16 @@ void HostServer::acceptLoopback(std::unique_ptr<Channel> connection)
     if (!isLoopback(connection->remoteAddress()))
         return refuse(std::move(connection), "测试模式只接受本机连接");
     makeRoom();
-    addSession(std::move(connection), "本机（测试模式）", nullptr);
+    std::string source = connection->remoteAddress();
+    addSession(std::move(connection), "本机（测试模式）", std::move(source));
 }
 
 void HostServer::acceptRemote(std::unique_ptr<Channel> connection, std::string phoneName)
 {
     queue->assertCurrent();
     makeRoom();
-    addSession(std::move(connection), std::move(phoneName), nullptr);
+    std::string path = connection->pathDescription();
+    addSession(std::move(connection), std::move(phoneName), std::move(path));
 }
 
 void HostServer::acceptTailnet(std::unique_ptr<Channel> connection)
@@ -201,8 +222,8 @@ void HostServer::judged(ConnectionID id, const TailnetAdmission::Verdict& verdic
     if (found.empty()) return;
     Asking& judgedOne = found.mapped();
     auto connection = secured(std::move(judgedOne.connection));
-    if (verdict) return addSession(std::move(connection), *verdict, std::move(judgedOne.place));
     const std::string source = connection->remoteAddress();
+    if (verdict) return addSession(std::move(connection), *verdict, source, std::move(judgedOne.place));
     refuse(std::move(connection), verdict.error());
     penalize(source, SourcePenalties::Offence::refused);
 }
@@ -255,14 +276,14 @@ void HostServer::makeRoom()
 }
 
 void HostServer::addSession(
-    std::unique_ptr<Channel> connection, std::string peer, std::shared_ptr<void> place)
+    std::unique_ptr<Channel> connection, std::string peer, std::string source, std::shared_ptr<void> place)
 {
     const ConnectionID id = ++lastID;
     const QueueRef sessionQueue = surroundings.queues.makeQueue("dev.pelorin.host.session");
-    writeConnectionLog(fmt::format("admitted {} from {}", peer, connection->remoteAddress()));
+    writeConnectionLog(fmt::format("admitted {} from {}", peer, source));
     Record record;
     record.peer = peer;
-    record.source = connection->remoteAddress();
+    record.source = std::move(source);
     record.place = std::move(place);
     record.since = queue->now();
     record.helloTimeout = queue->after(helloTimeout, [this, id] {
@@ -411,6 +432,7 @@ HostServer::Status HostServer::status() const
     status.dnsName = admission.ownDNSName();
     if (activeSession) status.session = activeSession->second.figures;
     status.waitingForHello = waitingCount();
+    if (remoteEntrance) status.hostID = remoteEntrance->registeredAs();
     status.blockedSources = penalties.blockedCount(queue->now());
     return status;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PelorinHost/HostSession.h"
+#include "PelorinHost/RemoteEntrance.h"
 #include "PelorinHost/ServerEvent.h"
 #include "PelorinHost/Trust/SourcePenalties.h"
 #include "PelorinHost/Trust/TailnetAdmission.h"
@@ -14,14 +14,16 @@ namespace pelorin {
 
 // The host's way in: listens where phones may come from, admits or refuses each connection, secures it with
 // the paired phones' keys, and lets one phone at a time control the desktop, the one that said hello last.
-// Queue: "dev.pelorin.host.server". Owns the listener and all sessions, which live on queues of their own.
-// Owned by the HostController.
+// Queue: "dev.pelorin.host.server". Owns the listener, the remote entrance and all sessions, which live on
+// queues of their own. Owned by the HostController.
 class HostServer {
 public:
     using Listen = std::function<Result<std::unique_ptr<TcpListener>, NetError>(
         QueueRef queue, const std::string& address, std::uint16_t port)>;
 
-    HostServer(SessionSurroundings surroundings, HostConfig config, Listen listen, QueueRef queue);
+    // Without remote nobody comes in from elsewhere.
+    HostServer(SessionSurroundings surroundings, HostConfig config, Listen listen, QueueRef queue,
+        std::optional<RemoteEntrance::Means> remote = {});
     ~HostServer(); // ends every session without a word
 
     // All on the queue.
@@ -46,6 +48,7 @@ public:
         std::optional<SessionFigures> session; // the active one's
         std::size_t waitingForHello = 0;
         std::size_t blockedSources = 0; // turned away for a while
+        std::optional<std::string> hostID; // at the rendezvous service, while registered there
     };
     // Who connects and stays silent, or connects again and again, must not use up the machine.
     static constexpr std::size_t maxPendingSessions = 32;
@@ -59,7 +62,7 @@ private:
     // A session as the server sees it.
     struct Record {
         std::string peer;
-        std::string source; // the address it came from
+        std::string source; // the address it came from, or the path
         std::string identity; // of the paired phone; known with hello
         std::shared_ptr<void> place; // among its source's connections without hello; given up with it
         Confined<HostSession> session;
@@ -85,6 +88,7 @@ private:
     void renewKeys();
     void endRemoved();
 
+    void openRemoteEntrance();
     void acceptLoopback(std::unique_ptr<Channel> connection);
     void acceptTailnet(std::unique_ptr<Channel> connection);
     void judged(ConnectionID id, const TailnetAdmission::Verdict& verdict);
@@ -94,7 +98,8 @@ private:
     void penalize(const std::string& source, SourcePenalties::Offence offence);
     std::size_t waitingCount() const { return asking.size() + pendingSessions.size(); }
     void makeRoom();
-    void addSession(std::unique_ptr<Channel> connection, std::string peer, std::shared_ptr<void> place);
+    void addSession(std::unique_ptr<Channel> connection, std::string peer, std::string source,
+        std::shared_ptr<void> place = {});
     struct Reporter;
     void end(Record& record, SessionEnd how);
 
@@ -117,6 +122,7 @@ private:
     HostConfig config;
     Listen listen;
     QueueRef queue;
+    std::optional<RemoteEntrance::Means> remoteMeans; // until started
     Log log{"server"};
     TailnetAdmission admission;
     SourcePenalties penalties;
@@ -127,6 +133,7 @@ private:
     int boundKeysGeneration = -1; // that the listener's keys are of
     std::shared_ptr<const PelorinTLS::ServerParameters> keys; // none where nobody needs to be paired
     bool reportedNoAddress = false;
+    std::unique_ptr<RemoteEntrance> remoteEntrance;
     std::map<ConnectionID, Asking> asking; // oldest first
     std::map<ConnectionID, Record> pendingSessions; // admitted, not yet past hello; oldest first
     std::optional<std::pair<ConnectionID, Record>> activeSession;

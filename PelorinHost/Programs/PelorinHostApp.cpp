@@ -147,8 +147,10 @@ int run(QueuePool& pool, const SessionSurroundings& surroundings, HostController
     const auto listen = [&pool](QueueRef queue, const std::string& address, std::uint16_t port) {
         return TcpListener::listen(pool, std::move(queue), address, port);
     };
-    Confined<HostController> controller(mainQueue,
-        [&] { return std::make_unique<HostController>(surroundings, listen, std::move(places), mainQueue); });
+    Confined<HostController> controller(mainQueue, [&] {
+        return std::make_unique<HostController>(
+            surroundings, listen, std::move(places), mainQueue, rendezvousSockets(pool));
+    });
     std::atomic<int> exitCode = 0;
     const auto wakeMain = [mainThread = pthread_self()] { pthread_kill(mainThread, quitDone); };
     controller.run([&exitCode, wakeMain](HostController& starting) {

@@ -49,12 +49,19 @@ std::string readableSession(const json& session)
 std::string readablePairing(const json& pairing)
 {
     const json& pending = pairing.at("pending");
-    return fmt::format("pairing {}, {} paired{}\n",
+    return fmt::format("pairing {}, {} paired{}{}\n",
         pairing.at("required").get<bool>() ? "required" : "not required",
         pairing.at("devices").get<std::size_t>(),
         pending.is_null()
             ? ""
-            : fmt::format(", a link is open for {} s", pending.at("expiresInSeconds").get<std::int64_t>()));
+            : fmt::format(", a link is open for {} s", pending.at("expiresInSeconds").get<std::int64_t>()),
+        pairing.at("reviewCode").get<bool>() ? "\n审核模式：配对链接长期有效，只用于演示 Mac" : "");
+}
+
+std::string readableRendezvous(const json& hostID)
+{
+    if (hostID.is_null()) return "not registered with a rendezvous service\n";
+    return "registered with the rendezvous service as " + hostID.get<std::string>() + "\n";
 }
 
 std::string joined(const json& names)
@@ -78,10 +85,11 @@ std::string StatusReport::toJSON() const
                 {"blockAboveSeconds", SourcePenalties::threshold.count()},
                 {"longestBlockSeconds", std::chrono::seconds(SourcePenalties::longest).count()}}},
         {"rendezvous", orNull(rendezvous)},
+        {"hostID", orNull(server.hostID)},
         {"pairing",
             {{"required", requiresPairing},
                 {"pending", pairingOpenFor ? json{{"expiresInSeconds", pairingOpenFor->count()}} : json()},
-                {"devices", pairedDevices}}}};
+                {"devices", pairedDevices}, {"reviewCode", hasReviewCode}}}};
     // A phone's name may be cut anywhere.
     return report.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
@@ -95,7 +103,7 @@ std::optional<std::string> readableStatus(const std::string& text)
         return (listening.is_null() ? "not listening\n"
                                     : "listening on " + listening.get<std::string>() + "\n")
             + "allowed logins: " + joined(report.at("allowedLogins")) + "\n"
-            + readablePairing(report.at("pairing"))
+            + readableRendezvous(report.at("hostID")) + readablePairing(report.at("pairing"))
             + (session.is_null() ? "no session\n" : readableSession(session));
     } catch (const json::exception&) {
         return std::nullopt;

@@ -11,6 +11,7 @@ struct StatusReport {
     std::optional<std::string> rendezvous; // absent: not registered
     bool requiresPairing = false;
     std::optional<std::chrono::seconds> pairingOpenFor; // absent: no pairing is on offer
+    bool hasReviewCode = false; // a standing one, in the settings
     std::size_t pairedDevices = 0;
 
     std::string toJSON() const; // indented, for programs

@@ -2,6 +2,7 @@
 
 #include "PelorinCore/Label.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
+#include "PelorinNet/Path/NameLookup.h"
 #include "PelorinNet/Rendezvous/HostAgentSession.h"
 
 #include <algorithm>
@@ -40,6 +41,16 @@ json memberOf(const json& message, const char* key)
 }
 
 } // namespace
+
+std::unique_ptr<PathSetup> HostAgent::realPath(QueueRef pathQueue, PathServers servers)
+{
+    const auto lookUp = [](const PathServers::Server& server, QueueRef on,
+                            std::function<void(std::vector<SocketAddress>)> done) {
+        lookUpName(server, std::move(on), std::move(done));
+    };
+    return std::make_unique<PathSetup>(
+        std::move(pathQueue), std::move(servers), lookUp, PathSetup::Switches::fromEnvironment());
+}
 
 HostAgent::HostAgent(QueueRef agentQueue, HostRegistration::Settings settings, Means newMeans)
     : hostID(KeyFingerprint::hostID(newMeans.identity.publicKey())),
@@ -163,6 +174,7 @@ void HostAgent::refuse(const std::string& id, const std::string& reason)
 {
     log.warning("refused a request: {}", reason);
     registration.send({{"type", "reject"}, {"session", id}, {"reason", reason}});
+    if (onRefused) onRefused(reason);
 }
 
 // Sessions

@@ -33,8 +33,9 @@ public:
         QueueMaker& queues;
         const DeviceIdentity& identity;
         RendezvousSocketMaker makeSocket;
-        MakePath makePath = PathSetup::onThisMachine;
+        MakePath makePath = realPath;
     };
+    static std::unique_ptr<PathSetup> realPath(QueueRef pathQueue, PathServers servers);
 
     HostAgent(QueueRef agentQueue, HostRegistration::Settings settings, Means newMeans);
     ~HostAgent(); // as stop
@@ -43,6 +44,7 @@ public:
     std::function<std::optional<Phone>(const Bytes& keyHash)> phone; // a paired one
     std::function<std::optional<Phone>(const PairingAttempt&)> pair; // nothing: refused
     std::function<void(bool isRegistered)> onRegistered;
+    std::function<void(const std::string& reason)> onRefused; // a request; the phone was told why
     // One stream, not started, of a phone that has proved itself; its channel describes the path.
     std::function<void(std::unique_ptr<Channel>, const Phone&)> onStream;
 

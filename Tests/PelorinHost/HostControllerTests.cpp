@@ -6,6 +6,7 @@
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/Peers/ScriptedService.h"
 
 #include <cerrno>
 #include <gmock/gmock.h>
@@ -27,6 +28,7 @@ struct QuietListener final : TcpListener {
 // The controller on hand-driven queues, its control socket a real one.
 struct ControllerTest : testing::Test {
     fakes::FakeHostPlatform platform; // outlives the queues, whose last tasks still use it
+    ScriptedService service; // so do sockets
     ManualQueues queues;
     lab::TemporaryFolder folder;
     HostController::Places places{folder.path() / "support", folder.path() / "log"};
@@ -45,7 +47,7 @@ struct ControllerTest : testing::Test {
         };
         auto made
             = std::make_unique<HostController>(SessionSurroundings{platform, queues, pairing, std::nullopt},
-                listen, places, queues.makeQueue("main"));
+                listen, places, queues.makeQueue("main"), service.maker());
         made->onQuit = [this] { hasQuit = true; };
         return made;
     }
@@ -133,7 +135,8 @@ TEST_F(ControllerTest, tellsOfPairingWithoutItsSecrets)
     queues.advance(100'500ms);
     const std::string status = ask("{\"command\":\"status\"}\n");
     EXPECT_EQ(nlohmann::json::parse(status)["pairing"],
-        (nlohmann::json{{"required", false}, {"pending", {{"expiresInSeconds", 200}}}, {"devices", 1}}));
+        (nlohmann::json{{"required", false}, {"pending", {{"expiresInSeconds", 200}}}, {"devices", 1},
+            {"reviewCode", false}}));
     EXPECT_THAT(readableStatus(status).value(),
         HasSubstr("pairing not required, 1 paired, a link is open for 200 s\n"));
     EXPECT_THAT(status, testing::Not(HasSubstr(offer.key.identity)));
@@ -149,6 +152,66 @@ TEST_F(ControllerTest, tellsOfPairingWithoutItsSecrets)
     EXPECT_TRUE(pairing.devices().empty());
     queues.advance(300s);
     EXPECT_TRUE(nlohmann::json::parse(ask("{\"command\":\"status\"}\n"))["pairing"]["pending"].is_null());
+}
+
+TEST_F(ControllerTest, registersWhereTheSettingsNameAService)
+{
+    const struct {
+        const char* settings;
+        const char* registersAt; // nothing: stays away, for that reason
+        const char* logged;
+    } rows[] = {
+        {R"({"rendezvousURL": "https://meet.example/a"})", "wss://meet.example/a/v1/host", ""},
+        {R"({"rendezvousURL": "https://meet.example", "rendezvous": false})", nullptr,
+            "turned off in host.json"},
+        {"{}", nullptr, "host.json names no service (rendezvousURL)"},
+        {R"({"rendezvousURL": "meet.example"})", nullptr, "is no https URL: meet.example"},
+        {R"({"rendezvousURL": "https://no-key.example"})", nullptr,
+            "rendezvous: cannot load or create this Mac's key: "},
+    };
+    for (const auto& [settings, registersAt, logged] : rows) {
+        SCOPED_TRACE(settings);
+        controller.reset();
+        queues.runReady();
+        service.lines.clear();
+        const auto key = places.supportDirectory / "host-identity.json";
+        if (std::string_view(settings).contains("no-key")) {
+            std::filesystem::remove(key);
+            std::filesystem::create_directories(key / "in the way");
+        }
+        lab::write(places.supportDirectory / "host.json", settings);
+        std::string log;
+        Log::observe([&](LogLevel, std::string_view, std::string_view text) { (log += text) += "\n"; });
+        controller = make();
+        ASSERT_TRUE(controller->start());
+        queues.runReady();
+        Log::observe({});
+        ASSERT_EQ(service.lines.size(), registersAt ? 1u : 0u);
+        EXPECT_THAT(log, HasSubstr(logged));
+        if (!registersAt) continue;
+        EXPECT_EQ(service.line().url, registersAt);
+        for (const char* type : {"challenge", "registered"}) {
+            service.line().say({{"type", type}, {"nonce", "n"}});
+            queues.runReady();
+        }
+        const std::string status = ask("{\"command\":\"status\"}\n");
+        const auto report = nlohmann::json::parse(status);
+        EXPECT_EQ(report["rendezvous"], "已登记到 https://meet.example/a");
+        EXPECT_THAT(readableStatus(status).value(),
+            HasSubstr("registered with the rendezvous service as " + report["hostID"].get<std::string>()));
+    }
+}
+
+TEST_F(ControllerTest, showsAStandingReviewCodeForAsLongAsItIsSet)
+{
+    lab::write(places.supportDirectory / "host.json", R"({"reviewPairingCode": "a standing code"})");
+    controller = make();
+    ASSERT_TRUE(controller->start());
+    queues.advance(24h);
+    const std::string status = ask("{\"command\":\"status\"}\n");
+    EXPECT_EQ(nlohmann::json::parse(status)["pairing"]["reviewCode"], true);
+    EXPECT_THAT(status, testing::Not(HasSubstr("a standing code")));
+    EXPECT_THAT(readableStatus(status).value(), HasSubstr("审核模式：配对链接长期有效，只用于演示 Mac\n"));
 }
 
 TEST_F(ControllerTest, writesTheConnectionLogForItsOwnerAlone)

@@ -2,9 +2,8 @@
 
 #include "PelorinNet/Identity/KeyFingerprint.h"
 #include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Peers/RemotePhone.h"
 #include "Tests/Peers/ScriptedService.h"
-#include "Tests/Peers/SignedRequest.h"
-#include "Tests/PelorinNet/QuicPeers.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -27,12 +26,6 @@ constexpr const char* notGenuine = "连接请求没有通过验证（手机时�
 constexpr const char* wrongCode = "配对码不对、已经过期或已经用过。请在 Mac 菜单里重新点「配对新手机」";
 constexpr const char* noRoom = "这台 Mac 上的远程连接太多了，请稍后再试";
 
-void lookUpNothing(
-    const PathServers::Server&, const QueueRef&, const std::function<void(std::vector<SocketAddress>)>& done)
-{
-    done({});
-}
-
 // A host whose service is played by the test, and phones with paths and QUIC of their own.
 class HostAgentTest : public testing::Test {
 protected:
@@ -42,10 +35,7 @@ protected:
             if (level != LogLevel::debug && category == "rendezvous") logged.emplace_back(text);
         });
         agent = std::make_unique<HostAgent>(queue, HostRegistration::Settings{"书房", {"wss://one.example"}},
-            HostAgent::Means{queues, *identity, service.maker(), [](QueueRef pathQueue, PathServers servers) {
-                                 return std::make_unique<PathSetup>(std::move(pathQueue), std::move(servers),
-                                     lookUpNothing, PathSetup::Switches{});
-                             }});
+            HostAgent::Means{queues, *identity, service.maker(), makePathWithoutServers});
         agent->phone = [this](const Bytes& keyHash) -> std::optional<HostAgent::Phone> {
             const auto found = paired.find(keyHash);
             return found == paired.end() ? std::nullopt : std::optional(found->second);
@@ -67,54 +57,11 @@ protected:
         if (hostCandidates(1).empty()) GTEST_SKIP() << "no network interface here but loopback";
     }
 
-    // A phone that asks by way of the service, with id as its session there.
-    struct PhoneEnd {
-        PhoneEnd(HostAgentTest& newTest, const SoftwareIdentity& newIdentity, std::string newID)
-            : test(newTest),
-              identity(newIdentity),
-              id(std::move(newID)),
-              setup(std::make_unique<PathSetup>(
-                  test.queues.makeQueue("phone path"), PathServers{}, lookUpNothing, PathSetup::Switches{}))
-        {
-            require(setup->open().has_value(), "the phone's sockets");
-        }
-        json request() { return test.requestOf(identity, setup->local()).json(); }
-        void start(const json& accepted)
-        {
-            PathDescription remote{accepted["ufrag"], accepted["password"], {}};
-            for (const json& each : accepted["candidates"])
-                remote.candidates.push_back(*Candidate::parse(each));
-            setup->start(std::move(remote), {}, {[this](json data) { signal(std::move(data)); }, inbox},
-                [this](auto result) { outcome = std::move(result); });
-        }
-        void signal(json data)
-        {
-            test.say({{"type", "signal"}, {"session", id}, {"data", std::move(data)}}, false);
-        }
-        void connect(const SoftwareIdentity& as)
-        {
-            quic.take(PelorinQUIC::connect(phoneQueue, loopbackAddress(setup->localPort()),
-                          PelorinQUIC::parameters(test.queues, as, false,
-                              [&](const Bytes& shown) { return shown == test.identity->fingerprint(); }))
-                          .value(),
-                phoneQueue);
-        }
-
-        HostAgentTest& test;
-        const SoftwareIdentity& identity;
-        const std::string id;
-        const QueueRef phoneQueue = test.queues.makeQueue("phone");
-        std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
-        std::unique_ptr<PathSetup> setup;
-        std::optional<Result<std::string, NetError>> outcome;
-        QuicEndOfConnection quic;
-    };
-
     ScriptedService::Line& line() { return service.line(); }
-    void say(json message, bool isRun = true)
+    void say(json message)
     {
         line().say(std::move(message));
-        if (isRun) queues.runReady();
+        queues.runReady();
     }
     void enterAgain()
     {
@@ -162,11 +109,13 @@ protected:
         return condition();
     }
     // From request to path; both ends hear of it.
-    std::unique_ptr<PhoneEnd> arrive(const SoftwareIdentity& phone, const std::string& id)
+    std::unique_ptr<RemotePhone> arrive(const SoftwareIdentity& phone, const std::string& id)
     {
-        auto end = std::make_unique<PhoneEnd>(*this, phone, id);
-        connect(id, end->request());
-        end->start(takeResponse(id));
+        auto end = std::make_unique<RemotePhone>(queues, phone, identity->fingerprint());
+        connect(id, requestOf(phone, end->setup->local()).json());
+        end->start(takeResponse(id), [this, id](json data) {
+            line().say({{"type", "signal"}, {"session", id}, {"data", std::move(data)}});
+        });
         advanceUntil([&] { return end->outcome.has_value() && hasLogged(": path ready ("); });
         EXPECT_TRUE(end->outcome && *end->outcome);
         return end;
@@ -182,9 +131,9 @@ protected:
     {
         return std::ranges::any_of(logged, [&](const std::string& each) { return each.contains(part); });
     }
-    void openStream(PhoneEnd& phone)
+    void openStream(RemotePhone& phone)
     {
-        phone.connect(phone.identity);
+        phone.connect();
         phone.quic.open().channel->send({Bytes{'h', 'i'}});
         const auto count = streams.size() + 1;
         EXPECT_TRUE(
@@ -363,7 +312,7 @@ TEST_F(HostAgentTest, takesOnlyThePhoneThatThePathWasMadeFor)
     pairWith(*phone, "iPhone");
     pairWith(*another, "iPad");
     const auto stranger = makeQuicIdentity("stranger");
-    const auto comesAs = [&](const std::unique_ptr<PhoneEnd>& end, const SoftwareIdentity& shown) {
+    const auto comesAs = [&](const std::unique_ptr<RemotePhone>& end, const SoftwareIdentity& shown) {
         end->connect(shown);
         end->quic.open().channel->send({Bytes{'x'}});
         return advanceUntil([&] { return end->quic.closed.has_value(); }) ? *end->quic.closed : "let in";
@@ -479,7 +428,7 @@ TEST_F(HostAgentTest, mayStopAtAnyMoment)
     pairWith(*phone, "iPhone");
     for (int moment = 0; moment < 4; ++moment) {
         SCOPED_TRACE(moment);
-        std::unique_ptr<PhoneEnd> end;
+        std::unique_ptr<RemotePhone> end;
         if (moment == 0)
             line().say({{"type", "connect"}, {"session", "a"}, {"request", requestOf(*phone).json()}});
         if (moment == 1) connect("a", requestOf(*phone).json());
