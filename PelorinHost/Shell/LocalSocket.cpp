@@ -32,17 +32,6 @@ Result<sockaddr_un, std::string> addressOf(const std::filesystem::path& path)
 
 } // namespace
 
-OwnedDescriptor& OwnedDescriptor::operator=(OwnedDescriptor&& other) noexcept
-{
-    std::swap(descriptor, other.descriptor);
-    return *this;
-}
-
-OwnedDescriptor::~OwnedDescriptor()
-{
-    if (descriptor >= 0) ::close(descriptor);
-}
-
 Result<OwnedDescriptor, std::string> listenLocally(const std::filesystem::path& path)
 {
     const auto address = addressOf(path);

@@ -1,5 +1,7 @@
 #include "PelorinNet/Path/PathSetup.h"
 
+#include "PelorinNet/Path/NameLookup.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -53,6 +55,16 @@ PathSetup::PathSetup(
       lookup(std::move(newLookup)),
       switches(newSwitches)
 {
+}
+
+std::unique_ptr<PathSetup> PathSetup::onThisMachine(QueueRef pathQueue, PathServers servers)
+{
+    const auto lookUp = [](const PathServers::Server& server, QueueRef on,
+                            std::function<void(std::vector<SocketAddress>)> done) {
+        lookUpName(server, std::move(on), std::move(done));
+    };
+    return std::make_unique<PathSetup>(
+        std::move(pathQueue), std::move(servers), lookUp, Switches::fromEnvironment());
 }
 
 PathSetup::~PathSetup() = default;

@@ -31,6 +31,8 @@ public:
     using Completion = std::function<void(Result<std::string, NetError>)>;
 
     PathSetup(QueueRef pathQueue, PathServers servers, PathServers::Lookup lookup, Switches switches);
+    // With the system's names and the environment's switches.
+    static std::unique_ptr<PathSetup> onThisMachine(QueueRef pathQueue, PathServers servers);
     ~PathSetup(); // closes the path and gives relays back
 
     // Opens the sockets and begins to ask for our reflexive address.

@@ -99,6 +99,33 @@ std::optional<ConnectRequest> ConnectRequest::parse(const json& request)
     return parsed;
 }
 
+json ConnectRequest::toJSON() const
+{
+    json candidates = json::array();
+    for (const Candidate& candidate : remote.candidates) candidates.push_back(candidate.json());
+    json request{{"timestamp", timestamp}, {"nonce", nonce}, {"ufrag", remote.ufrag},
+        {"password", remote.password}, {"candidates", std::move(candidates)},
+        {"signature", base64EncodedString(signature)}};
+    if (!pairing) {
+        request["clientKeyHash"] = base64EncodedString(clientKeyHash);
+        return request;
+    }
+    request["purpose"] = "pair";
+    request["deviceName"] = pairing->deviceName;
+    request["clientKey"] = base64EncodedString(pairing->clientKey);
+    request["proof"] = base64EncodedString(pairing->proof);
+    return request;
+}
+
+Result<void, NetError> ConnectRequest::sign(const DeviceIdentity& phone, const std::string& hostID)
+{
+    clientKeyHash = phone.fingerprint();
+    auto made = phone.sign(bytesOf(signedText(hostID)));
+    if (!made) return std::unexpected(made.error());
+    signature = std::move(*made);
+    return {};
+}
+
 std::string ConnectRequest::signedText(const std::string& hostID) const
 {
     std::string text = fmt::format(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinNet/Identity/DeviceIdentity.h"
 #include "PelorinNet/Path/PathSetup.h"
 
 namespace pelorin {
@@ -24,6 +25,11 @@ struct ConnectRequest {
     // Nothing when a part is missing or malformed. Texts that are signed side by side are 1 to 128 printable
     // characters without the "|" between them, so that no other request has the same signed text.
     static std::optional<ConnectRequest> parse(const nlohmann::json& request);
+
+    // As parse reads it.
+    nlohmann::json toJSON() const;
+    // By the phone itself; the last step, once everything else is set.
+    Result<void, NetError> sign(const DeviceIdentity& phone, const std::string& hostID);
 
     std::string signedText(const std::string& hostID) const;
     bool isSignedBy(ByteView publicKey, const std::string& hostID) const;

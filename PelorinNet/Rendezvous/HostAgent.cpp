@@ -2,7 +2,6 @@
 
 #include "PelorinCore/Label.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
-#include "PelorinNet/Path/NameLookup.h"
 #include "PelorinNet/Rendezvous/HostAgentSession.h"
 
 #include <algorithm>
@@ -41,16 +40,6 @@ json memberOf(const json& message, const char* key)
 }
 
 } // namespace
-
-std::unique_ptr<PathSetup> HostAgent::realPath(QueueRef pathQueue, PathServers servers)
-{
-    const auto lookUp = [](const PathServers::Server& server, QueueRef on,
-                            std::function<void(std::vector<SocketAddress>)> done) {
-        lookUpName(server, std::move(on), std::move(done));
-    };
-    return std::make_unique<PathSetup>(
-        std::move(pathQueue), std::move(servers), lookUp, PathSetup::Switches::fromEnvironment());
-}
 
 HostAgent::HostAgent(QueueRef agentQueue, HostRegistration::Settings settings, Means newMeans)
     : hostID(KeyFingerprint::hostID(newMeans.identity.publicKey())),

@@ -33,9 +33,8 @@ public:
         QueueMaker& queues;
         const DeviceIdentity& identity;
         RendezvousSocketMaker makeSocket;
-        MakePath makePath = realPath;
+        MakePath makePath = PathSetup::onThisMachine;
     };
-    static std::unique_ptr<PathSetup> realPath(QueueRef pathQueue, PathServers servers);
 
     HostAgent(QueueRef agentQueue, HostRegistration::Settings settings, Means newMeans);
     ~HostAgent(); // as stop

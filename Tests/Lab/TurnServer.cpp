@@ -14,7 +14,6 @@
 namespace pelorin::lab {
 namespace {
 
-constexpr std::string_view secret = "lab-secret";
 constexpr int portAttempts = 5; // others may take the port between the choice and its use
 
 ByteView bytesOf(std::string_view text)

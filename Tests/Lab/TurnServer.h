@@ -17,6 +17,8 @@ public:
         std::vector<std::string> prefix = {}; // what runs it, such as nsenter with its arguments
     };
 
+    static constexpr std::string_view secret = "lab-secret"; // shared with who hands out credentials
+
     TurnServer() : TurnServer(Options{}) {}
     explicit TurnServer(const Options& options); // returns once its socket is there
 

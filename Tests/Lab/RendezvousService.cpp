@@ -1,0 +1,38 @@
+#include "Tests/Lab/RendezvousService.h"
+
+#include "PelorinCore/Result.h"
+#include "Tests/Lab/Programs.h"
+#include "Tests/Lab/TurnServer.h"
+#include "Tests/Lab/Wait.h"
+
+#include <fmt/format.h>
+
+namespace pelorin::lab {
+
+RendezvousService::RendezvousService(const Options& options) : host(options.host)
+{
+    std::vector<std::string> command = options.prefix;
+    // Goes when its parent does, even when that is killed.
+    command.insert(command.end(),
+        {"setpriv", "--pdeathsig", "KILL", programPath("pelorin-rendezvous"), "--insecure", "--log-level",
+            "debug", "--listen", fmt::format("{}:{}", host, options.port)});
+    for (const std::string& relay : options.relays) command.insert(command.end(), {"--turn", relay});
+    if (!options.relays.empty())
+        command.insert(command.end(), {"--turn-secret", std::string(TurnServer::secret)});
+    command.insert(command.end(), options.more.begin(), options.more.end());
+    running = Process::start(std::move(command), {}, (folder.path() / "rendezvous.log").string());
+
+    const std::string start = fmt::format("Listening on ws://{}:", host);
+    const auto said = [&] { return log().find(start) != std::string::npos; };
+    eventually([&] { return said() || !running->isRunning(); });
+    require(said(), ("the rendezvous service does not start:\n" + log()).c_str());
+    const std::string text = log();
+    listenPort = static_cast<std::uint16_t>(std::stoi(text.substr(text.find(start) + start.size())));
+}
+
+std::string RendezvousService::url() const
+{
+    return fmt::format("http://{}:{}", host, listenPort);
+}
+
+} // namespace pelorin::lab

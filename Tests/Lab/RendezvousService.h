@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Tests/Lab/Files.h"
+#include "Tests/Lab/Process.h"
+
+#include <cstdint>
+
+namespace pelorin::lab {
+
+// The real rendezvous service, without TLS, on one address.
+class RendezvousService {
+public:
+    struct Options {
+        std::string host = "127.0.0.1";
+        std::uint16_t port = 0; // 0: a free one
+        std::vector<std::string> relays = {}; // "turn:192.0.2.7:3478", of a TurnServer with its shared secret
+        std::vector<std::string> more = {}; // further options of pelorin-rendezvous
+        std::vector<std::string> prefix = {}; // what runs it, such as nsenter with its arguments
+    };
+
+    RendezvousService() : RendezvousService(Options{}) {}
+    explicit RendezvousService(const Options& options); // returns once it listens
+
+    std::uint16_t port() const { return listenPort; }
+    std::string url() const; // "http://127.0.0.1:7443", as in host.json
+    Process& process() { return *running; }
+    std::string log() const { return contentOf(folder.path() / "rendezvous.log"); }
+
+private:
+    TemporaryFolder folder;
+    std::string host;
+    std::uint16_t listenPort = 0;
+    std::unique_ptr<Process> running;
+};
+
+} // namespace pelorin::lab
