@@ -15,7 +15,7 @@ public:
         RendezvousSocketMaker makeSocket;
         std::string url; // of the service, for a socket
         std::shared_ptr<const DeviceIdentity> identity; // this host's
-        HostAgent::MakePath makePath = HostAgent::realPath;
+        HostAgent::MakePath makePath = PathSetup::onThisMachine;
     };
     // The service's URL for a socket, or why nobody comes in from elsewhere.
     static Result<std::string, std::string> serviceIn(const HostConfig& config);
