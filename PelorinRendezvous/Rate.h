@@ -13,7 +13,7 @@ struct Rate {
     Duration interval{};
     int burst = 1;
 
-    static Rate perMinute(int count) { return {std::chrono::minutes(1) / count, count}; }
+    static Rate perMinute(int count) { return {Duration(std::chrono::minutes(1)) / count, count}; }
 
     bool take(SteadyTime& paidBack, SteadyTime now) const
     {
