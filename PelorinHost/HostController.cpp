@@ -64,6 +64,7 @@ Result<void, std::string> HostController::start()
     controlSocket->onRequest = [this](const std::string& request, ControlSocket::Reply reply) {
         handleRequest(request, std::move(reply));
     };
+    surroundings.platform.displays().keepNotesIn(places.supportDirectory);
     config = HostConfig::load(places.supportDirectory);
     connectionLog.emplace(places.logDirectory);
     const auto service = RemoteEntrance::serviceIn(config);

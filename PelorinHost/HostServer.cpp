@@ -341,7 +341,9 @@ void HostServer::updated(ConnectionID id, const SessionFigures& figures)
 
 void HostServer::optionsChanged(ConnectionID id, SessionOptions options)
 {
-    if (activeSession && activeSession->first == id) activeSession->second.options = options;
+    if (!activeSession || activeSession->first != id) return;
+    activeSession->second.options = options;
+    updatePrivacy();
 }
 
 void HostServer::sessionClosed(
@@ -375,6 +377,24 @@ void HostServer::activeEnded(EndKind kind, const std::string& reason)
         fmt::format("session ended after {:.1f} s: {}: {}", duration.count(), record.peer, reason));
     publish(serverEvent::SessionEnded{record.peer, reason});
     lockAfter(kind, record.options);
+    updatePrivacy();
+}
+
+// As the phone in control wants it; without one the panels show what they show.
+void HostServer::updatePrivacy()
+{
+    const bool isWanted
+        = activeSession && activeSession->second.options.contains(sessionOption::privacyScreen);
+    if (isWanted == isPrivate) return;
+    isPrivate = isWanted;
+    if (!privacyScreen) {
+        const auto privacyQueue = surroundings.queues.makeQueue("dev.pelorin.host.privacy");
+        privacyScreen = Confined<PrivacyScreen>(
+            privacyQueue, [&displays = surroundings.platform.displays(), privacyQueue] {
+                return std::make_unique<PrivacyScreen>(displays, privacyQueue);
+            });
+    }
+    privacyScreen.run([isWanted](PrivacyScreen& screen) { screen.setEnabled(isWanted); });
 }
 
 void HostServer::waitingEnded(const Record& record, const std::string& reason)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PelorinHost/RemoteEntrance.h"
+#include "PelorinHost/Screen/PrivacyScreen.h"
 #include "PelorinHost/ServerEvent.h"
 #include "PelorinHost/Trust/SourcePenalties.h"
 #include "PelorinHost/Trust/TailnetAdmission.h"
@@ -111,6 +112,7 @@ private:
     void activeEnded(EndKind kind, const std::string& reason);
     void waitingEnded(const Record& record, const std::string& reason);
     void handshakeFailed(const Record& record, const std::optional<std::string>& reason);
+    void updatePrivacy();
     void lockAfter(EndKind kind, SessionOptions options);
     void pendingEndFired();
     void lock();
@@ -141,6 +143,8 @@ private:
     Subscription pendingEnd; // the grace of a phone that dropped out
     bool pendingEndLocks = false;
     Confined<ScreenLock> screenLock; // made when first used
+    Confined<PrivacyScreen> privacyScreen; // likewise
+    bool isPrivate = false;
     Subscription timer;
     Subscription keysWatch;
     Lifetime lifetime;

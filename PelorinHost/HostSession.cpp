@@ -5,6 +5,7 @@
 #include "PelorinHost/Session/DisplaySelection.h"
 #include "PelorinHost/Session/HelloExchange.h"
 #include "PelorinHost/Session/Liveness.h"
+#include "PelorinHost/Session/PhoneDisplay.h"
 #include "PelorinHost/Session/PhoneInput.h"
 #include "PelorinHost/Session/StreamKeeper.h"
 #include "PelorinHost/Session/VideoSender.h"
@@ -47,6 +48,7 @@ struct HostSession::Running {
           statistics(session.queue->now()),
           liveness(session.queue->now(), session.config.idleTimeoutMinutes * 60),
           displays(session.surroundings.platform.displayCapture(), session.surroundings.defaultDisplay),
+          phoneDisplay(session.surroundings.virtualDisplays, session.queue),
           video(session.outlet, statistics, rate, session.queue,
               capabilities.contains(clientCapability::readsFrameStamps)),
           input(session.surroundings.platform, session.queue),
@@ -67,6 +69,7 @@ struct HostSession::Running {
     SessionStatistics statistics;
     Liveness liveness;
     DisplaySelection displays;
+    PhoneDisplay phoneDisplay;
     std::unique_ptr<PowerAssertion> displayAwake;
     VideoSender video;
     PhoneInput input;
@@ -203,8 +206,7 @@ void HostSession::on(const message::RequestKeyframe&)
 void HostSession::on(const message::SetViewport& change)
 {
     running->viewport = change.viewport;
-    running->pendingResize
-        = queue->after(resizeDebounce, [this] { running->stream.running().update(running->viewport); });
+    running->pendingResize = queue->after(resizeDebounce, [this] { arrangeDisplay(); });
 }
 
 void HostSession::on(const message::SetDisplay& change)
@@ -212,14 +214,14 @@ void HostSession::on(const message::SetDisplay& change)
     if (change.settings == running->displaySettings) return;
     running->displaySettings = change.settings;
     const auto pause = std::max(Duration::zero(), running->nextSwitchAt - queue->now());
-    running->pendingSwitch = queue->after(pause, [this] { switchDisplay(); });
+    running->pendingSwitch = queue->after(pause, [this] { arrangeDisplay(); });
 }
 
 void HostSession::on(const message::ClientReport& report)
 {
     const auto change = running->rate.update(report);
-    if (change.bitrate) running->stream.running().setBitrate(*change.bitrate);
-    if (change.scale) running->stream.running().update(*change.scale);
+    if (change.bitrate) running->stream.setBitrate(*change.bitrate);
+    if (change.scale) running->stream.update(*change.scale);
 }
 
 void HostSession::on(const message::SetOptions& change)
@@ -275,22 +277,20 @@ void HostSession::on(const InputMessage& input)
 void HostSession::startStreaming()
 {
     if (running->drawsCursor()) startCursor();
-    running->video.onKeyframeWanted = [this] { running->stream.running().requestKeyframe(); };
-    running->video.onRepeatWanted = [this] { running->stream.running().repeatLastFrame(); };
+    running->video.onKeyframeWanted = [this] { running->stream.requestKeyframe(); };
+    running->video.onRepeatWanted = [this] { running->stream.repeatLastFrame(); };
     running->stream.onFormat = [this](VideoCodec codec, std::vector<Bytes> sets) {
         running->video.setFormat(codec, std::move(sets));
     };
     running->stream.onFrame = [this](EncodedFrame frame) { running->video.send(std::move(frame)); };
     running->stream.onDisplayInfo = [this](message::DisplayInfo info) { captureIs(info); };
     running->stream.onGivenUp = [this](SessionEnd how) { end(std::move(how)); };
-    running->stream.start();
-
-    if (running->capabilities.contains(clientCapability::choosesDisplay))
-        outlet.send(running->displays.list());
+    refreshDisplays();
     checkPath();
     running->statsTimer = queue->every(statsPeriod, [this] { statisticsTick(); });
     running->pathTimer = queue->every(pathPeriod, [this] { checkPath(); });
     running->displayWatchTimer = queue->every(displayWatchPeriod, [this] { watchDisplays(); });
+    arrangeDisplay();
 }
 
 void HostSession::startCursor()
@@ -306,7 +306,7 @@ void HostSession::startCursor()
 ScreenStreamer::Settings HostSession::streamSettings()
 {
     running->nextSwitchAt = queue->now() + switchPause;
-    running->displays.refresh();
+    refreshDisplays();
     chooseDisplay();
     return {.displayID = running->display.displayID,
         .showsCursor = !running->drawsCursor(),
@@ -328,26 +328,51 @@ void HostSession::chooseDisplay()
 {
     const auto choice = running->displays.choose(running->displaySettings);
     if (choice.displayID == 0) return;
-    if (running->displaySettings.mode == DisplayMode::followPhone)
-        log.warning("virtual display unavailable; falling back to the main display");
     running->display = choice;
     running->input.injector().confineTo(running->display.displayID);
     if (running->cursor) running->cursor->follow(running->display.bounds, running->display.pointsPerPixel);
+}
+
+// Has the display made, or taken away, that the phone wants for itself, and streams what is to be streamed
+// then.
+void HostSession::arrangeDisplay()
+{
+    const auto& settings = running->displaySettings;
+    const bool followsPhone = settings.mode == DisplayMode::followPhone;
+    const auto size
+        = followsPhone ? std::optional(pointSizeFor(running->viewport, settings.density)) : std::nullopt;
+    running->phoneDisplay.want(size, [this, followsPhone] {
+        const auto made = running->phoneDisplay.id();
+        if (followsPhone && !made)
+            log.warning("virtual display unavailable; falling back to the main display");
+        running->displays.setPhoneDisplay(made);
+        refreshDisplays();
+        switchDisplay();
+        running->stream.update(running->viewport);
+    });
 }
 
 void HostSession::switchDisplay()
 {
     const auto before = running->display.displayID;
     chooseDisplay();
-    if (running->display.displayID != before) running->stream.start();
+    if (running->display.displayID != before || !running->stream.isStarted()) running->stream.start();
 }
 
 void HostSession::watchDisplays()
 {
-    if (!running->displays.refresh()) return;
+    const bool haveChanged = refreshDisplays();
+    if (running->displays.lacksPhoneDisplay()) return arrangeDisplay();
+    // What became of the streamed one itself, its stream sees; with none yet, one is being made.
+    if (haveChanged && running->stream.isStarted()) switchDisplay();
+}
+
+bool HostSession::refreshDisplays()
+{
+    if (!running->displays.refresh()) return false;
     if (running->capabilities.contains(clientCapability::choosesDisplay))
         outlet.send(running->displays.list());
-    switchDisplay(); // what became of the streamed one itself, its stream sees
+    return true;
 }
 
 void HostSession::statisticsTick()

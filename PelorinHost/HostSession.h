@@ -4,12 +4,14 @@
 #include "PelorinHost/HostConfig.h"
 #include "PelorinHost/Platform/HostPlatform.h"
 #include "PelorinHost/Screen/ScreenStreamer.h"
+#include "PelorinHost/Screen/VirtualDisplayManager.h"
 #include "PelorinHost/Session/MessageRules.h"
 #include "PelorinHost/Session/SessionEnd.h"
 #include "PelorinHost/Session/SessionOutlet.h"
 #include "PelorinHost/Session/SessionStatistics.h"
 #include "PelorinHost/Trust/PairingStore.h"
 #include "PelorinNet/Log.h"
+#include "PelorinNet/Queue/Confined.h"
 
 namespace pelorin {
 
@@ -19,6 +21,8 @@ struct SessionSurroundings {
     QueueMaker& queues;
     PairingStore& pairing;
     std::optional<std::uint32_t> defaultDisplay; // where the phone asks for no particular one
+    // Makes displays of a phone's own shape; without it there are none.
+    std::shared_ptr<Confined<VirtualDisplayManager>> virtualDisplays = nullptr;
 };
 
 // One phone's connection from admission to its end: reads its messages, answers hello, and from then on owns
@@ -82,9 +86,11 @@ private:
     ScreenStreamer::Settings streamSettings();
     void captureIs(const message::DisplayInfo& info);
 
+    void arrangeDisplay();
     void chooseDisplay();
     void switchDisplay();
     void watchDisplays();
+    bool refreshDisplays();
 
     void statisticsTick();
     void checkPath();

@@ -6,6 +6,7 @@
 #include "PelorinHost/Linux/X11CursorSource.h"
 #include "PelorinHost/Linux/X11DisplayBounds.h"
 #include "PelorinHost/Linux/X11DisplayCapture.h"
+#include "PelorinHost/Linux/X11Displays.h"
 #include "PelorinHost/Linux/X11Pasteboard.h"
 #include "PelorinHost/Linux/X11Permissions.h"
 #include "PelorinHost/Linux/X11Power.h"
@@ -23,6 +24,7 @@ public:
         : display(newDisplay),
           capture(display),
           bounds(display),
+          arrangement(display),
           keepAwake(display),
           allowed(display)
     {
@@ -34,6 +36,7 @@ public:
 
     DisplayCapture& displayCapture() override { return capture; }
     DisplayBounds& displayBounds() override { return bounds; }
+    Displays& displays() override { return arrangement; }
     Compression& compression() override { return encoders; }
     Power& power() override { return keepAwake; }
     Permissions& permissions() override { return allowed; }
@@ -63,6 +66,7 @@ private:
     const std::string display;
     X11DisplayCapture capture;
     X11DisplayBounds bounds;
+    X11Displays arrangement;
     LinuxCompression encoders;
     X11Power keepAwake;
     X11Permissions allowed;

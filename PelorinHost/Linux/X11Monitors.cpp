@@ -67,6 +67,9 @@ std::vector<ShareableDisplay> queryMonitors(
 void watchMonitors(const X11Connection& connection)
 {
     if (!connection.extension(&xcb_randr_id)) return;
+    // Of monitors that a client draws, which no output shows by itself, the root's configuration tells.
+    const std::uint32_t rootEvents = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection.get(), connection.root(), XCB_CW_EVENT_MASK, &rootEvents);
     xcb_randr_select_input(connection.get(), connection.root(),
         XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE
             | XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE | XCB_RANDR_NOTIFY_MASK_RESOURCE_CHANGE);
@@ -77,8 +80,10 @@ bool isMonitorChange(const X11Connection& connection, const xcb_generic_event_t&
 {
     const auto* randr = connection.extension(&xcb_randr_id);
     if (!randr) return false;
-    const int type = (event.response_type & 0x7F) - randr->first_event;
-    return type == XCB_RANDR_SCREEN_CHANGE_NOTIFY || type == XCB_RANDR_NOTIFY;
+    const int type = event.response_type & 0x7F;
+    if (type == XCB_CONFIGURE_NOTIFY) return true; // of the root, the only window watched so
+    return type == randr->first_event + XCB_RANDR_SCREEN_CHANGE_NOTIFY
+        || type == randr->first_event + XCB_RANDR_NOTIFY;
 }
 
 std::vector<ShareableDisplay> X11MonitorCache::displays()

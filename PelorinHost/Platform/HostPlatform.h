@@ -3,6 +3,7 @@
 #include "PelorinHost/Platform/Compression.h"
 #include "PelorinHost/Platform/CursorSource.h"
 #include "PelorinHost/Platform/DisplayCapture.h"
+#include "PelorinHost/Platform/Displays.h"
 #include "PelorinHost/Platform/EventPosting.h"
 #include "PelorinHost/Platform/Pasteboard.h"
 #include "PelorinHost/Platform/Permissions.h"
@@ -22,6 +23,7 @@ public:
 
     virtual DisplayCapture& displayCapture() = 0;
     virtual DisplayBounds& displayBounds() = 0;
+    virtual Displays& displays() = 0;
     virtual Compression& compression() = 0;
     virtual Power& power() = 0;
     virtual Permissions& permissions() = 0;

@@ -185,7 +185,13 @@ int main(int argumentCount, char** arguments)
     QueuePool pool(poolThreads);
     platform = makeLinuxPlatform(displayNumber(options.display) ? "" : options.display);
     pairing.emplace(places.supportDirectory, pool.makeQueue("dev.pelorin.host.pairing"));
-    return run(pool, {*platform, pool, *pairing, displayNumber(options.display)}, std::move(places), signals);
+    const QueueRef displayQueue = pool.makeQueue("dev.pelorin.host.display");
+    auto virtualDisplays = std::make_shared<Confined<VirtualDisplayManager>>(
+        displayQueue, [&displays = platform->displays(), displayQueue] {
+            return std::make_unique<VirtualDisplayManager>(displays, displayQueue);
+        });
+    return run(pool, {*platform, pool, *pairing, displayNumber(options.display), std::move(virtualDisplays)},
+        std::move(places), signals);
 }
 
 } // namespace

@@ -6,6 +6,7 @@ namespace pelorin {
 namespace {
 
 constexpr std::size_t mostListed = 65'535; // what the message's count can say
+constexpr const char* phoneDisplayName = "Pelorin"; // whatever the platform calls it
 constexpr const char* fallbackLabel = "镜像主屏（虚拟屏创建失败）";
 
 std::uint32_t points(double length)
@@ -30,9 +31,21 @@ bool DisplaySelection::refresh()
 {
     auto now = capture.shareableDisplays();
     if (now.size() > mostListed) now.resize(mostListed);
+    for (auto& display : now)
+        if (display.id == phoneDisplay) display.name = phoneDisplayName;
     if (now == displays) return false;
     displays = std::move(now);
     return true;
+}
+
+void DisplaySelection::setPhoneDisplay(std::optional<std::uint32_t> displayID)
+{
+    phoneDisplay = displayID;
+}
+
+bool DisplaySelection::lacksPhoneDisplay() const
+{
+    return phoneDisplay && !displays.empty() && !find(*phoneDisplay);
 }
 
 message::DisplayList DisplaySelection::list() const
@@ -47,10 +60,10 @@ message::DisplayList DisplaySelection::list() const
 DisplaySelection::Choice DisplaySelection::choose(const DisplaySettings& settings) const
 {
     const bool followsPhone = settings.mode == DisplayMode::followPhone;
-    const auto* asked = followsPhone ? nullptr : find(settings.displayID);
+    const auto* asked = find(followsPhone ? phoneDisplay.value_or(0) : settings.displayID);
     const auto* display = asked ? asked : usual();
     if (!display) return {};
-    return {display->id, followsPhone ? fallbackLabel : display->name, display->bounds,
+    return {display->id, followsPhone && !asked ? fallbackLabel : display->name, display->bounds,
         pelorin::pointsPerPixel(*display)};
 }
 

@@ -13,6 +13,9 @@ public:
     DisplaySelection(DisplayCapture& capture, std::optional<std::uint32_t> defaultDisplay);
 
     bool refresh(); // looks again; true when something changed
+    // The one made for the phone, if there is one; known to it by a name of its own from the next refresh on.
+    void setPhoneDisplay(std::optional<std::uint32_t> displayID);
+    bool lacksPhoneDisplay() const; // it was made, and others are there without it
     message::DisplayList list() const;
 
     struct Choice {
@@ -30,6 +33,7 @@ private:
 
     DisplayCapture& capture;
     std::optional<std::uint32_t> defaultDisplay;
+    std::optional<std::uint32_t> phoneDisplay;
     std::vector<ShareableDisplay> displays;
 };
 

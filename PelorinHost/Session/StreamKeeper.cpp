@@ -54,6 +54,31 @@ void StreamKeeper::start()
         reporting([this](Result<void, ScreenStreamerError> result) { startFinished(std::move(result)); }));
 }
 
+void StreamKeeper::update(Viewport viewport)
+{
+    if (streamer) streamer->update(viewport);
+}
+
+void StreamKeeper::update(double scale)
+{
+    if (streamer) streamer->update(scale);
+}
+
+void StreamKeeper::setBitrate(int bitsPerSecond)
+{
+    if (streamer) streamer->setBitrate(bitsPerSecond);
+}
+
+void StreamKeeper::requestKeyframe()
+{
+    if (streamer) streamer->requestKeyframe();
+}
+
+void StreamKeeper::repeatLastFrame()
+{
+    if (streamer) streamer->repeatLastFrame();
+}
+
 void StreamKeeper::startFinished(Result<void, ScreenStreamerError> result)
 {
     if (result) return;

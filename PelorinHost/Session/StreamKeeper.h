@@ -21,7 +21,14 @@ public:
     std::function<void(SessionEnd)> onGivenUp; // at most once
 
     void start(); // also in place of the stream that runs
-    ScreenStreamer& running() { return *streamer; } // after the first start
+    bool isStarted() const { return streamer != nullptr; }
+
+    // For the stream that runs; before the first start there is nothing to tell, as it asks for the settings.
+    void update(Viewport viewport);
+    void update(double scale);
+    void setBitrate(int bitsPerSecond);
+    void requestKeyframe();
+    void repeatLastFrame();
 
 private:
     void startFinished(Result<void, ScreenStreamerError> result);

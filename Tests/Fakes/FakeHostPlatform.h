@@ -4,6 +4,7 @@
 #include "Tests/Fakes/FakeCompression.h"
 #include "Tests/Fakes/FakeDisplayBounds.h"
 #include "Tests/Fakes/FakeDisplayCapture.h"
+#include "Tests/Fakes/FakeDisplays.h"
 #include "Tests/Fakes/FakePasteboard.h"
 #include "Tests/Fakes/FakePermissions.h"
 #include "Tests/Fakes/FakePower.h"
@@ -18,6 +19,7 @@ class FakeHostPlatform final : public HostPlatform {
 public:
     FakeDisplayCapture capture;
     FakeDisplayBounds bounds;
+    FakeDisplays arrangement;
     FakeCompression encoders;
     FakePower powerPort;
     FakePermissions permissionsPort;
@@ -33,6 +35,7 @@ public:
 
     DisplayCapture& displayCapture() override { return capture; }
     DisplayBounds& displayBounds() override { return bounds; }
+    Displays& displays() override { return arrangement; }
     Compression& compression() override { return encoders; }
     Power& power() override { return powerPort; }
     Permissions& permissions() override { return permissionsPort; }

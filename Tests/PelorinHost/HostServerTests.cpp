@@ -433,6 +433,40 @@ TEST_F(ServerTest, boundsWhoNeverSaysHello)
     EXPECT_EQ(connectionLog.back(), "closed before hello: 本机（测试模式）: no hello in time");
 }
 
+TEST_F(ServerTest, keepsThePanelsDarkForAsLongAsThePhoneInControlWantsIt)
+{
+    const auto isDark = [&] {
+        queues.runReady();
+        return !platform.arrangement.gamma.empty();
+    };
+    begin();
+    auto phone = connectWithHello(sessionOption::privacyScreen | sessionOption::clipboardSharing);
+    EXPECT_TRUE(isDark());
+    phone->send(message::SetOptions{sessionOption::clipboardSharing});
+    EXPECT_FALSE(isDark());
+    phone->send(message::SetOptions{sessionOption::privacyScreen});
+    EXPECT_TRUE(isDark());
+
+    auto second = connectWithHello();
+    EXPECT_FALSE(isDark()) << "it replaced the one who wanted it";
+    const std::pair<const char*, std::function<void()>> ends[] = {
+        {"bye", [&] { second->send(message::Bye{}); }},
+        {"vanishing", [&] { second->hangUp(); }},
+        {"the menu", [&] { server->disconnect(); }},
+        {"silence", [&] { queues.advance(10s); }},
+        {"nonsense", [&] { second->send(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}); }},
+        {"quitting", [&] { server->stop(); }},
+        {"the server's end", [&] { server.reset(); }},
+    };
+    for (const auto& [name, end] : ends) {
+        begin();
+        second = connectWithHello(sessionOption::privacyScreen);
+        EXPECT_TRUE(isDark()) << name;
+        end();
+        EXPECT_FALSE(isDark()) << name;
+    }
+}
+
 TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
 {
     const SessionOptions wish = sessionOption::lockAtEnd;

@@ -27,6 +27,7 @@ struct SessionTest : testing::Test {
     LoopbackPair pair = LoopbackPair::make({});
     std::unique_ptr<FakePhone> phone;
     std::unique_ptr<HostSession> session;
+    std::shared_ptr<Confined<VirtualDisplayManager>> virtualDisplays; // for phones that ask for one
     std::vector<std::string> closings;
     std::vector<std::string> lines;
     int hellos = 0;
@@ -35,8 +36,9 @@ struct SessionTest : testing::Test {
     void open()
     {
         phone = std::make_unique<FakePhone>(std::move(pair.second), queues.makeQueue("phone"));
-        session = std::make_unique<HostSession>(SessionSurroundings{platform, queues, pairing, std::nullopt},
-            config, std::move(pair.first), "本机（测试模式）", queues.makeQueue("dev.pelorin.host.session"));
+        session = std::make_unique<HostSession>(
+            SessionSurroundings{platform, queues, pairing, std::nullopt, virtualDisplays}, config,
+            std::move(pair.first), "本机（测试模式）", queues.makeQueue("dev.pelorin.host.session"));
         session->onClose = [this](HostSession&, std::optional<std::string> reason) {
             closings.push_back(reason.value_or("closed"));
             if (onClosed) onClosed();
@@ -52,6 +54,29 @@ struct SessionTest : testing::Test {
         phone->hello(capabilities);
         queues.runReady();
         ASSERT_NE(platform.capture.stream, nullptr);
+    }
+
+    // Displays can be made: what is arranged is what is listed.
+    void makeDisplays()
+    {
+        const auto queue = queues.makeQueue("dev.pelorin.host.display");
+        virtualDisplays = std::make_shared<Confined<VirtualDisplayManager>>(queue,
+            [this, queue] { return std::make_unique<VirtualDisplayManager>(platform.arrangement, queue); });
+        platform.arrangement.onChange = [this, physical = platform.capture.displays] {
+            const auto& made = platform.arrangement;
+            platform.capture.displays = physical;
+            if (made.virtualID == 0) return;
+            const auto [width, height] = made.sizes.back();
+            const Rect bounds{0, 0, double(width), double(height)};
+            platform.capture.displays = {{made.virtualID, "SPARE-1", width, height, bounds, true}};
+            platform.bounds.displays.insert(platform.bounds.displays.begin(), {made.virtualID, bounds});
+        };
+    }
+    void helloAsPhone(DisplaySettings settings = {DisplayMode::followPhone, 0, 0})
+    {
+        phone->send(message::Hello{
+            protocolVersion, "phone", {1170, 2532, 3}, settings, clientCapability::choosesDisplay});
+        queues.runReady();
     }
 
     void say(const Message& message)
@@ -489,6 +514,139 @@ TEST_F(SessionTest, tellsThePhoneWhoEndedIt)
     }
 }
 
+TEST_F(SessionTest, streamsADisplayOfThePhonesOwnShapeUntilItEnds)
+{
+    makeDisplays();
+    open();
+    helloAsPhone();
+    ASSERT_NE(platform.capture.stream, nullptr);
+    EXPECT_EQ(platform.capture.streamsMade, 1) << "the main display is not shown in between";
+    EXPECT_EQ(platform.capture.stream->displayID, 101u);
+    EXPECT_EQ(phone->last<message::DisplayInfo>(), (message::DisplayInfo{390, 844, 390, 844}));
+    EXPECT_EQ(phone->last<message::DisplayList>().displays,
+        (std::vector<DisplayDescriptor>{{101, "Pelorin", 390, 844, true}}));
+    say(message::MouseMove{5000, 5000});
+    EXPECT_THAT(platform.events.events.back(), HasSubstr("moved to 389,843"));
+    pingFor(1s);
+    EXPECT_THAT(lines.back(), testing::StartsWith("Pelorin · "));
+
+    session->end(SessionEnd::byClient());
+    queues.runReady();
+    EXPECT_EQ(platform.arrangement.virtualID, 0u);
+    EXPECT_EQ(platform.arrangement.restorations, 1);
+}
+
+TEST_F(SessionTest, turnsTheDisplayWithThePhoneWithinASecond)
+{
+    makeDisplays();
+    open();
+    helloAsPhone();
+    say(message::SetViewport{{2000, 2000, 3}}); // half way
+    say(message::SetViewport{{2532, 1170, 3}});
+    queues.advance(500ms);
+    EXPECT_THAT(platform.arrangement.sizes, ElementsAre(PointSize{390, 844}, PointSize{844, 390}));
+    EXPECT_EQ(platform.arrangement.restorations, 0);
+    platform.capture.stream->changeGeometry(platform.capture.displays[0]); // as the display server tells
+    queues.advance(500ms);
+    EXPECT_EQ(phone->last<message::DisplayInfo>(), (message::DisplayInfo{844, 390, 844, 390}));
+    EXPECT_EQ(platform.capture.streamsMade, 1);
+    say(message::MouseMove{5000, 5000});
+    EXPECT_THAT(platform.events.events.back(), HasSubstr("moved to 843,389"));
+}
+
+TEST_F(SessionTest, goesBetweenItsOwnDisplayAndTheOthers)
+{
+    platform.capture.displays.push_back({9, "beamer", 1280, 720, {1920, 0, 1280, 720}, false});
+    platform.bounds.displays.push_back({9, {1920, 0, 1280, 720}});
+    makeDisplays();
+    open();
+    helloAsPhone({DisplayMode::mirrorMain, 0, 0});
+    EXPECT_EQ(platform.capture.stream->displayID, 7u);
+    const struct {
+        DisplaySettings settings;
+        std::uint32_t displayID;
+        std::size_t listed;
+    } rows[] = {{{DisplayMode::followPhone, 0, 0}, 101, 1}, {{DisplayMode::mirrorMain, 0, 9}, 9, 2},
+        {{DisplayMode::followPhone, 2, 9}, 102, 1}, {{DisplayMode::mirrorMain, 0, 0}, 7, 2},
+        {{DisplayMode::mirrorMain, 0, 102}, 7, 2}};
+    for (const auto& [settings, displayID, listed] : rows) {
+        queues.advance(500ms);
+        say(message::SetDisplay{settings});
+        queues.runReady();
+        ASSERT_NE(platform.capture.stream, nullptr);
+        EXPECT_EQ(platform.capture.stream->displayID, displayID);
+        EXPECT_EQ(phone->last<message::DisplayList>().displays.size(), listed);
+    }
+    EXPECT_EQ(platform.arrangement.sizes.back(), (PointSize{586, 1266}));
+}
+
+TEST_F(SessionTest, makesItsDisplayAnewWhenItIsGoneAndFallsBackWhenThereCanBeNone)
+{
+    makeDisplays();
+    open();
+    helloAsPhone();
+    platform.arrangement.listsVirtual = false; // as after the display server started anew
+    platform.capture.displays = {{7, "fake", 1920, 1080, {0, 0, 1920, 1080}, true}};
+    const auto restore = platform.arrangement.onChange;
+    platform.arrangement.onChange = [&, restore] {
+        platform.arrangement.listsVirtual = true;
+        restore();
+    };
+    platform.capture.stream->stopByItself("gone"); // which has it looked for before the next watch
+    pingFor(2s);
+    EXPECT_EQ(platform.capture.stream->displayID, 102u);
+
+    platform.arrangement.refusesSettings = true;
+    std::vector<std::string> log;
+    Log::observe([&](LogLevel, std::string_view, std::string_view text) { log.emplace_back(text); });
+    say(message::SetViewport{{2532, 1170, 3}});
+    queues.advance(500ms);
+    Log::observe({});
+    EXPECT_THAT(
+        log, testing::Contains("virtual display unavailable; falling back to the main display").Times(1));
+    EXPECT_EQ(platform.capture.stream->displayID, 7u);
+    EXPECT_EQ(phone->last<message::DisplayInfo>(), (message::DisplayInfo{1920, 1080, 1920, 1080}));
+    pingFor(1s);
+    EXPECT_THAT(lines.back(), HasSubstr("镜像主屏（虚拟屏创建失败） · "));
+}
+
+TEST_F(SessionTest, keepsWhatTheLatestSessionsPhoneAskedFor)
+{
+    makeDisplays();
+    open();
+    helloAsPhone();
+    auto first = std::move(session);
+    auto firstPhone = std::move(phone);
+    pair = LoopbackPair::make({});
+    open();
+    helloAsPhone();
+    first->end(SessionEnd::replaced());
+    queues.runReady();
+    EXPECT_EQ(platform.arrangement.virtualID, 101u);
+    EXPECT_EQ(platform.arrangement.restorations, 0);
+    session.reset();
+    queues.runReady();
+    EXPECT_EQ(platform.arrangement.virtualID, 0u);
+}
+
+// While the display is being made, everything else a phone may send comes in already.
+TEST_F(SessionTest, waitsForItsDisplayWithoutAStream)
+{
+    makeDisplays();
+    platform.arrangement.refusedCreations = 7;
+    open();
+    helloAsPhone();
+    EXPECT_EQ(platform.capture.stream, nullptr);
+    for (const Message& message : {Message(message::RequestKeyframe{}), Message(message::ClientReport{}),
+             Message(message::MouseMove{1, 1}), Message(message::SetViewport{{1170, 2532, 3}})})
+        say(message);
+    platform.capture.displays[0].name = "renamed";
+    pingFor(3s);
+    ASSERT_NE(platform.capture.stream, nullptr);
+    EXPECT_EQ(platform.capture.stream->displayID, 108u);
+    EXPECT_EQ(platform.capture.streamsMade, 1);
+}
+
 // Every prefix of a busy session, then the session is destroyed with everything under way.
 TEST_F(SessionTest, canBeDestroyedAtAnyMoment)
 {
@@ -513,6 +671,7 @@ TEST_F(SessionTest, canBeDestroyedAtAnyMoment)
         [&] { phone->send(message::Bye{}); },
         [&] { queues.runReady(); },
     };
+    makeDisplays();
     for (std::size_t count = 0; count <= steps.size(); ++count) {
         for (const bool withinClose : {false, true}) {
             pair = LoopbackPair::make({});
@@ -523,6 +682,7 @@ TEST_F(SessionTest, canBeDestroyedAtAnyMoment)
             session.reset();
             queues.advance(10s);
             EXPECT_EQ(platform.capture.stream, nullptr);
+            EXPECT_EQ(platform.arrangement.virtualID, 0u);
             EXPECT_EQ(platform.powerPort.heldAssertions(), 0);
             const auto& events = platform.events.events;
             const auto pressed
