@@ -32,6 +32,14 @@ ClientCapabilities capabilitiesOf(CodecChoice codec)
     return capabilities;
 }
 
+SessionOptions sessionOptionsOf(const ViewerOptions& options)
+{
+    SessionOptions wanted;
+    if (options.sharesClipboard) wanted |= sessionOption::clipboardSharing;
+    if (options.wantsPrivacy) wanted |= sessionOption::privacyScreen;
+    return wanted;
+}
+
 } // namespace
 
 Viewer::Viewer(
@@ -128,6 +136,8 @@ void Viewer::greeted(const std::string& hostName)
 {
     report.hostName = hostName;
     log.info("connected to {}", hostName);
+    const auto wanted = sessionOptionsOf(options);
+    if (wanted != SessionOptions{}) send(message::SetOptions{wanted});
     if (onHello) onHello(hostName);
     if (std::ranges::count(openGoals, Goal::seconds) > 0)
         secondsTimer = queue->after(durationOf(options.seconds), [this] { reached(Goal::seconds); });

@@ -63,6 +63,7 @@ struct ViewerOptions {
     bool printsJSON = false;
     bool showsOverlay = false;
     bool sharesClipboard = false; // with a window
+    bool wantsPrivacy = false; // the host's panels are dark meanwhile
 
     MeasureKind measure = MeasureKind::none;
     int trials = 200; // latency

@@ -102,7 +102,7 @@ public:
 
     ViewerResult inWindow(const Way& way, ViewerWindow& shown, bool sharesClipboard)
     {
-        queue->post([this, &shown, sharesClipboard] { attach(shown, sharesClipboard); });
+        queue->post([this, &shown] { attach(shown); });
         connect(way);
         shown.run(windowInput(sharesClipboard));
         return finished.get_future().get();
@@ -126,15 +126,12 @@ private:
         };
     }
 
-    void attach(ViewerWindow& shown, bool sharesClipboard)
+    void attach(ViewerWindow& shown)
     {
         window = &shown;
         viewer->onPicture = [this](const ReceivedPicture& picture) { window->show(picture); };
         viewer->onSecond = [this](const PhoneFigures& figures) { window->setFigures(figures); };
-        viewer->onHello = [this, sharesClipboard](const std::string& hostName) {
-            window->setTitle(hostName + " - Pelorin");
-            if (sharesClipboard) viewer->send(message::SetOptions{sessionOption::clipboardSharing});
-        };
+        viewer->onHello = [this](const std::string& hostName) { window->setTitle(hostName + " - Pelorin"); };
         viewer->onClipboard = [this](std::string text) { window->setClipboard(std::move(text)); };
     }
 

@@ -72,7 +72,16 @@ int main(int count, char** arguments)
     app.add_option("--codec", options.codec, "h264, hevc or any: what to offer to decode")
         ->transform(CLI::CheckedTransformer(std::map<std::string, CodecChoice>{
             {"any", CodecChoice::any}, {"h264", CodecChoice::h264}, {"hevc", CodecChoice::hevc}}));
-    app.add_flag("--follow-phone", options.followPhone, "Ask for a display shaped like the viewport");
+    auto* followOption
+        = app.add_flag("--follow-phone", options.followPhone, "Ask for a display shaped like the viewport");
+    app.add_option("--phone-shape",
+           "WIDTHxHEIGHT[@DENSITY] of a phone: asks for a display of its shape, so many of its "
+           "pixels to a point")
+        ->check(storing(options.viewport, &parseViewport, "a size such as 1170x2532@3"))
+        ->excludes("--viewport")
+        ->each([&options](const std::string&) { options.followPhone = true; });
+    followOption->excludes("--phone-shape");
+    app.add_flag("--privacy", options.wantsPrivacy, "Keep the host's own screens dark meanwhile");
     app.add_option(
         "--display", options.displayID, "Show this display instead of the main one; --verbose lists them");
     app.add_option(

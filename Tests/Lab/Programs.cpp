@@ -29,27 +29,38 @@ std::uint16_t freePort()
 }
 
 HostProgram::HostProgram(
-    const std::string& display, const std::string& settings, std::vector<std::string> environment)
-    : listenPort(freePort())
+    const std::string& display, const std::string& settings, std::vector<std::string> newEnvironment)
+    : listenPort(freePort()),
+      environment(std::move(newEnvironment))
 {
     environment.push_back("DISPLAY=" + display);
     const std::string separator = settings.empty() ? "" : ", ";
-    running = Process::start(command("\"allowLoopbackForTesting\": true" + separator + settings),
-        std::move(environment), (folder.path() / "host.log").string());
+    writeSettings("\"allowLoopbackForTesting\": true" + separator + settings);
+    startAgain();
+}
+
+void HostProgram::startAgain()
+{
+    running = Process::start(command(), environment, (folder.path() / "host.log").string());
 }
 
 HostProgram::HostProgram(const Tailnet& tailnet, const std::string& display, const std::string& settings)
     : listenPort(7420)
 {
-    running = Process::start(tailnet.inside(Tailnet::Side::host, command(settings)), {"DISPLAY=" + display},
+    writeSettings(settings);
+    running = Process::start(tailnet.inside(Tailnet::Side::host, command()), {"DISPLAY=" + display},
         (folder.path() / "host.log").string());
 }
 
-std::vector<std::string> HostProgram::command(const std::string& settings) const
+void HostProgram::writeSettings(const std::string& settings) const
 {
     write(support() / "host.json",
         "{\"rendezvous\": false, \"port\": " + std::to_string(listenPort)
             + (settings.empty() ? "" : ", " + settings) + "}");
+}
+
+std::vector<std::string> HostProgram::command() const
+{
     return {programPath("pelorin-host"), "--headless", "--support-dir", support().string(), "--log-dir",
         folder.path().string()};
 }

@@ -25,6 +25,7 @@ public:
     std::string address() const { return "127.0.0.1:" + std::to_string(listenPort); }
     std::filesystem::path support() const { return folder.path() / "support"; }
     Process& process() { return *running; }
+    void startAgain(); // in test mode, with the same folders; the last one has ended
 
     std::string control(
         std::vector<std::string> arguments) const; // standard output of pelorin-host ARGUMENTS
@@ -34,10 +35,12 @@ public:
     bool waitForConnectionLog(const std::string& text) const;
 
 private:
-    std::vector<std::string> command(const std::string& settings) const; // writes the settings
+    void writeSettings(const std::string& settings) const;
+    std::vector<std::string> command() const;
 
     TemporaryFolder folder;
     std::uint16_t listenPort;
+    std::vector<std::string> environment;
     std::unique_ptr<Process> running;
 };
 
