@@ -29,11 +29,17 @@ await() {
     fail "$what"
 }
 
+xserver() { # how it shall tell its number
+    exec Xvfb "$@" -screen 0 1280x720x24 -nolisten tcp -noreset
+}
+clock_at=200x200+1010+440
+terminal_at=82x24+40+50
+
 # A desktop: an X server with a number of its own choosing, a window manager, a terminal, and a clock that moves.
 start_desktop() {
     local ready number
     exec {ready}<> <(:)
-    Xvfb -displayfd "$ready" -screen 0 1280x720x24 -nolisten tcp -noreset >"$out/xserver.log" 2>&1 &
+    xserver -displayfd "$ready" >"$out/xserver.log" 2>&1 &
     started+=($!)
     read -r -t 20 -u "$ready" number || fail "the X server did not start"
     export DISPLAY=:$number LC_ALL=C.UTF-8
@@ -42,10 +48,10 @@ start_desktop() {
     openbox --startup 'xsetroot -name started' >"$out/desktop.log" 2>&1 &
     started+=($!)
     await "the window manager did not start" sh -c 'xprop -root WM_NAME | grep -q "\"started\""'
-    xclock -update 0.1 -geometry 200x200+1010+440 >>"$out/desktop.log" 2>&1 &
+    xclock -update 0.1 -geometry "$clock_at" >>"$out/desktop.log" 2>&1 &
     started+=($!)
     (cd "$out" && exec xterm -u8 -fa 'DejaVu Sans Mono' -fd 'Noto Sans Mono CJK SC' -fs 13 -bg '#1d232a' \
-        -fg '#e6e1cf' -title Terminal -geometry 82x24+40+50 -e env PS1='$ ' bash --norc --noprofile) \
+        -fg '#e6e1cf' -title Terminal -geometry "$terminal_at" -e env PS1='$ ' bash --norc --noprofile) \
         >>"$out/desktop.log" 2>&1 &
     started+=($!)
     await "the terminal did not start" xwininfo -name Terminal
