@@ -236,9 +236,10 @@ void QuicLink::write()
     const ngtcp2_tstamp current = now();
     const ngtcp2_tstamp burstTime
         = std::clamp(ngtcp2_conn_get_expiry(connection.get()), current - maxLateness, current);
-    for (std::size_t left = std::clamp<std::size_t>(quantum / datagram, 1, maxBurst); left > 0; --left) {
+    for (std::size_t left = std::clamp<std::size_t>(quantum / datagram, 1, maxBurst); left > 0;) {
         QuicStream* const stream = nextToWrite();
         const ngtcp2_ssize size = writePacket(stream, endpoint->room(), path);
+        // It does not count: on a slow line a burst is one datagram, and it is somebody else's.
         if (size == NGTCP2_ERR_STREAM_DATA_BLOCKED || size == NGTCP2_ERR_STREAM_SHUT_WR) continue;
         if (size < 0) {
             endpoint->flush();
@@ -247,6 +248,7 @@ void QuicLink::write()
         if (size == 0) break;
         endpoint->enqueue(std::size_t(size), QuicPathAddress::realOf(path.path.remote));
         hasSent = true;
+        --left;
     }
     // Not before: it would hold back the second flight of the handshake.
     if (hasSent && ngtcp2_conn_get_handshake_completed(connection.get()))
