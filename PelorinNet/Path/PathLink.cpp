@@ -9,10 +9,10 @@ using namespace std::chrono_literals;
 
 constexpr int missesToFall = 3;
 constexpr int answersAfterFall = 3; // a way that comes and goes must not be chosen at each coming
-constexpr std::size_t maxUnanswered = 16; // answers that come later than so many checks tell nothing
 
 constexpr Duration shortestPatience = 150ms; // a busy machine answers late
 constexpr Duration firstPatience = 1s; // before the round trip is known
+constexpr Duration longestPatience = 3s; // a path this slow serves nobody
 constexpr Duration urgently = 50ms;
 
 } // namespace
@@ -34,7 +34,8 @@ bool PathLink::isProven() const
 
 Duration PathLink::patience() const
 {
-    return smoothedRtt ? std::max(shortestPatience, 2 * *smoothedRtt) : firstPatience;
+    if (!smoothedRtt) return firstPatience;
+    return std::clamp(2 * *smoothedRtt, shortestPatience, longestPatience);
 }
 
 Duration PathLink::interval(SteadyTime now, bool isChosen) const
@@ -60,7 +61,8 @@ bool PathLink::isCheckDue(SteadyTime now, bool isChosen) const
 
 void PathLink::checkSent(const TransactionID& id, SteadyTime now)
 {
-    if (checks.size() == maxUnanswered) checks.pop_front();
+    // Each has to stay until it counts as missed; answers that come much later tell nothing.
+    while (!checks.empty() && now - checks.front().sentAt > longestPatience + urgently) checks.pop_front();
     checks.push_back({id, now});
     lastCheck = now;
 }

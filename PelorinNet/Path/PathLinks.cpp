@@ -120,9 +120,9 @@ bool PathLinks::handleAnswer(ByteView datagram, const DatagramProxy::Path& over)
     queue->assertCurrent();
     const auto id = transactionOf(datagram);
     if (!id || !remote) return false;
-    const auto link = std::ranges::find_if(links, [&](const PathLink& each) { return each.isAwaiting(*id); });
-    if (link == links.end()) return false;
-    if (!(link->way() == over) || !ConnectivityCheck::isAnswer(datagram, *remote)) return true;
+    PathLink* const link = find(over);
+    if (!link || !link->isAwaiting(*id)) return false;
+    if (!ConnectivityCheck::isAnswer(datagram, *remote)) return true;
     const bool wasStanding = link->isStanding();
     link->answered(*id, queue->now());
     if (!over.turn) proxy.validatedPeers.insert(over.address);

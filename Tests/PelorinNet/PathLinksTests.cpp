@@ -184,6 +184,33 @@ TEST_F(PathLinksTest, findsAtOnceTheOneThatLivesAmongManyThatDieTogether)
     EXPECT_EQ(silences, 1);
 }
 
+TEST(PathLink, fallsWhenNothingComesBackHoweverLongAnswersTook)
+{
+    for (const std::optional<Duration> rtt : {std::optional<Duration>(), std::optional<Duration>(20ms),
+             std::optional<Duration>(700ms), std::optional<Duration>(20s)}) {
+        SteadyTime now{};
+        PathLink link({}, {}, Kind::direct, "direct", now);
+        const auto check = [&] {
+            const auto id = StunMessage::newTransactionID();
+            link.checkSent(id, now);
+            return id;
+        };
+        link.proved(now);
+        if (rtt) {
+            const auto id = check();
+            link.answered(id, now += *rtt);
+        }
+        link.suspect(now);
+        bool hasFallen = false;
+        for (int tick = 0; tick < 80 && !hasFallen; ++tick, now += 50ms) {
+            hasFallen = link.expireChecks(now);
+            if (link.isCheckDue(now, true)) check();
+        }
+        EXPECT_TRUE(hasFallen);
+        EXPECT_FALSE(link.isStanding());
+    }
+}
+
 TEST_F(PathLinksTest, tellsThatItsOnlyPathIsBack)
 {
     start();
