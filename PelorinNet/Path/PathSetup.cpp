@@ -142,13 +142,17 @@ void PathSetup::reflexiveKnown(const Result<SocketAddress, NetError>& address)
     const auto alive = lifetime.watch();
     if (address) announce({*address, "srflx"});
     gathering.cancel();
-    if (alive && onGathered) std::exchange(onGathered, {})();
+    if (onGathered) std::exchange(onGathered, {})();
+    if (!alive) return;
 }
 
 void PathSetup::gather(Duration atMost, Task done)
 {
     queue->assertCurrent();
-    if (isReflexiveSettled || switches.forceTurn) return queue->post(std::move(done));
+    if (isReflexiveSettled || switches.forceTurn)
+        return queue->post([done = std::move(done), alive = lifetime.watch()]() mutable {
+            if (alive) done();
+        });
     onGathered = std::move(done);
     gathering = queue->after(atMost, [this] { std::exchange(onGathered, {})(); });
 }
