@@ -11,8 +11,6 @@ namespace pelorin {
 namespace {
 
 constexpr const char* loopback = "127.0.0.1";
-constexpr std::uint8_t lastLocalHost = 250; // renewals begin anew behind it
-constexpr int renewalAttempts = 8; // addresses whose port somebody else may hold
 
 } // namespace
 
@@ -37,19 +35,14 @@ DatagramProxy::DatagramProxy(
     networkSocket->onBatchEnd = [this] { localSocket->flush(); };
     networkSocket->onUnreachable
         = [this](const SocketAddress& peer, int) { callOut(onUnreachable, lifetime.watch(), peer); };
-    listenToLocal();
+    localSocket->onReceive
+        = [this](ByteView datagram, const SocketAddress& source) { fromLocal(datagram, source); };
+    localSocket->onBatchEnd = [this] { flushOutward(); };
 }
 
 DatagramProxy::~DatagramProxy()
 {
     while (!served.empty()) remove(*served.back().turn);
-}
-
-void DatagramProxy::listenToLocal()
-{
-    localSocket->onReceive
-        = [this](ByteView datagram, const SocketAddress& source) { fromLocal(datagram, source); };
-    localSocket->onBatchEnd = [this] { flushOutward(); };
 }
 
 void DatagramProxy::fromLocal(ByteView datagram, const SocketAddress& source)
@@ -142,22 +135,6 @@ void DatagramProxy::send(ByteView datagram, const Path& over)
     if (!over.turn) return networkSocket->send(datagram, over.address);
     if (over.turn == blockedTurn) return void(++count.droppedBlocked);
     over.turn->send(over.channel, datagram);
-}
-
-bool DatagramProxy::renewLocal()
-{
-    queue->assertCurrent();
-    const std::uint16_t port = localSocket->localAddress().port;
-    for (int attempt = 0; attempt < renewalAttempts; ++attempt) {
-        localHost = localHost < lastLocalHost ? std::uint8_t(localHost + 1) : std::uint8_t(2);
-        auto renewed = UDPSocket::open(fmt::format("127.0.0.{}", localHost), port, queue);
-        if (!renewed) continue;
-        localSocket->flush();
-        formerLocal = std::exchange(localSocket, std::move(*renewed));
-        listenToLocal();
-        return true;
-    }
-    return false;
 }
 
 std::string DatagramProxy::statistics() const

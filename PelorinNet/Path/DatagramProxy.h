@@ -63,10 +63,6 @@ public:
     // Sends a STUN datagram over that path, as the checks of a path need it.
     void send(ByteView datagram, const Path& over);
 
-    // Speaks to QUIC from another address of the loopback interface from now on, at the same port: QUIC takes
-    // that for a new path and measures anew how fast it is. False where the system has no such address.
-    bool renewLocal();
-
     const Counters& counters() const { return count; }
     std::string statistics() const; // one line for the log
 
@@ -78,7 +74,6 @@ private:
 
     DatagramProxy(
         QueueRef newQueue, std::unique_ptr<UDPSocket> newNetwork, std::unique_ptr<UDPSocket> newLocal);
-    void listenToLocal();
     void fromLocal(ByteView datagram, const SocketAddress& source);
     void fromNetwork(ByteView datagram, const SocketAddress& source);
     void fromRelay(TurnClient& turn, std::uint16_t channel, ByteView payload);
@@ -89,8 +84,6 @@ private:
     const QueueRef queue;
     std::unique_ptr<UDPSocket> networkSocket;
     std::unique_ptr<UDPSocket> localSocket;
-    std::unique_ptr<UDPSocket> formerLocal; // QUIC may still write to it
-    std::uint8_t localHost = 1; // 127.0.0.x
     std::vector<Served> served;
     Counters count;
     std::optional<Path> lastArrival; // of what QUIC got

@@ -111,11 +111,6 @@ bool PathLink::expireChecks(SteadyTime now)
     return missed >= missesToFall && fall(now);
 }
 
-void PathLink::checkSoon()
-{
-    lastCheck.reset();
-}
-
 void PathLink::suspect(SteadyTime now)
 {
     if (isSuspect) return;

@@ -39,7 +39,6 @@ public:
     bool expireChecks(SteadyTime now);
 
     void proved(SteadyTime now); // somebody else's check was answered here
-    void checkSoon(); // the next check is due
     void suspect(SteadyTime now); // and the following come fast, until one is answered or the way falls
     bool isSuspected() const { return isSuspect; }
     bool fall(SteadyTime now); // the network says it is dead; true when it stood

@@ -315,26 +315,6 @@ TEST_F(DatagramProxies, tellThatThePeerSendsOverAnotherPath)
     EXPECT_EQ(quic.receive().size(), 7);
 }
 
-TEST_F(DatagramProxies, speakToQuicFromAnotherAddressAtTheSamePort)
-{
-    goDirect();
-    const SocketAddress former = proxy->local().localAddress();
-    ASSERT_TRUE(proxy->renewLocal());
-    const SocketAddress renewed = proxy->local().localAddress();
-    EXPECT_NE(renewed.host()[3], former.host()[3]);
-    EXPECT_EQ(renewed.port, former.port);
-    toNetwork(peer, quicDatagram(50));
-    EXPECT_EQ(quic.receive().at(0).source, renewed);
-    for (const auto& to : {former, renewed}) quic.send(quicDatagram(60), to); // QUIC may not know yet
-    queues.runReady();
-    EXPECT_EQ(peer.receive().size(), 2);
-
-    RawUDP taken({127, 0, 0, 3}, former.port); // by somebody else
-    ASSERT_TRUE(proxy->renewLocal());
-    EXPECT_EQ(proxy->local().localAddress().hostText(), "127.0.0.4");
-    EXPECT_EQ(proxy->counters().sent, 2);
-}
-
 TEST_F(DatagramProxies, mayBeDestroyedInAnyCallback)
 {
     for (const std::string where : {"other", "relayed", "unreachable", "arrival"}) {
