@@ -22,6 +22,7 @@ public:
     Kind kind() const { return relays; }
     const std::string& label() const { return text; }
 
+    SteadyTime since() const { return stateSince; } // it stands, fell or was first heard of
     bool isStanding() const { return state == State::standing; } // answered, and never fell since
     // Standing, and not merely between two falls: worth leaving a path that works for it.
     bool isProven() const;

@@ -50,9 +50,23 @@ void PathLinks::add(
     const DatagramProxy::Path& way, const SocketAddress& address, PathLink::Kind kind, std::string label)
 {
     queue->assertCurrent();
-    if (find(way) || links.size() == maxLinks) return;
+    if (find(way) || (links.size() == maxLinks && !forgetOldest())) return;
     log.debug("another way: {}", label);
     check(links.emplace_back(way, address, kind, std::move(label), queue->now()), queue->now());
+}
+
+// A peer that goes from network to network leaves ways behind that nobody will answer on again.
+bool PathLinks::forgetOldest()
+{
+    auto oldest = links.end();
+    for (auto link = links.begin(); link != links.end(); ++link) {
+        const bool isNeeded = link->isStanding() || proxy.path == link->way();
+        if (!isNeeded && (oldest == links.end() || link->since() < oldest->since())) oldest = link;
+    }
+    if (oldest == links.end()) return false;
+    if (!oldest->way().turn) proxy.validatedPeers.erase(oldest->way().address);
+    links.erase(oldest);
+    return true;
 }
 
 void PathLinks::proved(const DatagramProxy::Path& way)
@@ -155,16 +169,16 @@ const PathLink* PathLinks::chosen() const
     return proxy.path ? find(*proxy.path) : nullptr;
 }
 
+bool PathLinks::isStanding(const DatagramProxy::Path& way) const
+{
+    const PathLink* const link = find(way);
+    return link && link->isStanding();
+}
+
 bool PathLinks::hasStanding(PathLink::Kind kind) const
 {
     return std::ranges::any_of(
         links, [&](const PathLink& link) { return link.kind() == kind && link.isStanding(); });
-}
-
-bool PathLinks::hasStandingThrough(const TurnClient& turn) const
-{
-    return std::ranges::any_of(
-        links, [&](const PathLink& link) { return link.way().turn == &turn && link.isStanding(); });
 }
 
 void PathLinks::tick()

@@ -23,7 +23,7 @@ public:
     // Checks begin. Before relayFrom no relayed way is chosen: a direct one may be as quick.
     void start(PathCredentials remote, SteadyTime relayFrom);
 
-    // Known ways are ignored, and beyond 32 new ones too.
+    // Known ways are ignored. Of more than 32 the one that has been dead for longest is forgotten.
     void add(
         const DatagramProxy::Path& way, const SocketAddress& remote, PathLink::Kind kind, std::string label);
     void proved(const DatagramProxy::Path& way); // by the puncher
@@ -40,8 +40,8 @@ public:
     void arrivalPathChanged(const DatagramProxy::Path& over);
 
     const PathLink* chosen() const;
+    bool isStanding(const DatagramProxy::Path& way) const;
     bool hasStanding(PathLink::Kind kind) const;
-    bool hasStandingThrough(const TurnClient& turn) const;
 
 private:
     void stands(const DatagramProxy::Path& way, bool wasStanding);
@@ -55,6 +55,7 @@ private:
     PathLink* find(const DatagramProxy::Path& way);
     const PathLink* find(const DatagramProxy::Path& way) const;
     void fell(const PathLink& link);
+    bool forgetOldest();
 
     DatagramProxy& proxy;
     const QueueRef queue;

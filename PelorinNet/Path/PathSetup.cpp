@@ -22,7 +22,9 @@ constexpr Duration firstSearchPause = 15s; // doubled with each search that find
 constexpr Duration longestSearchPause = 5min;
 constexpr Duration relayPatience = 1s; // then another server may be quicker
 
-constexpr std::size_t maxRemoteCandidates = 64; // told in one session
+// Told in one session. A phone that changes its network tells three or four new ones each time; a peer that
+// tells ever more must not have us knock everywhere.
+constexpr std::size_t maxRemoteCandidates = 256;
 
 bool isRelay(const Candidate& candidate)
 {
@@ -141,9 +143,9 @@ void PathSetup::reflexiveKnown(const Result<SocketAddress, NetError>& address)
     if (!address) log.info("no reflexive address: {}", address.error().description);
     const auto alive = lifetime.watch();
     if (address) announce({*address, "srflx"});
+    if (!alive) return;
     gathering.cancel();
     if (onGathered) std::exchange(onGathered, {})();
-    if (!alive) return;
 }
 
 void PathSetup::gather(Duration atMost, Task done)
@@ -292,9 +294,10 @@ void PathSetup::startRelay(const PathServers::Server& server, std::string candid
     relay.onChannel = [this, &relay](TurnClient& turn, std::uint16_t channel, const SocketAddress& peer) {
         channelOpened(relay, turn, channel, peer);
     };
+    relay.isNeeded = [this](const DatagramProxy::Path& way) { return links->isStanding(way); };
     relay.onUnreachable = [this, &relay](TurnClient& turn) {
-        links->relayUnreachable(turn);
         relay.distrust();
+        links->relayUnreachable(turn); // may destroy us
     };
     relay.onLost = [this](TurnClient& turn) { links->removeRelay(turn); };
     relay.onFailed = [this] {

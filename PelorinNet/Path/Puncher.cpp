@@ -45,7 +45,9 @@ void Puncher::start(const std::vector<Candidate>& newTargets, SteadyTime deadlin
 void Puncher::add(const Candidate& target)
 {
     queue->assertCurrent();
-    if (targets.size() == maxTargets || find(target.address)) return;
+    if (find(target.address)) return;
+    // The latest word on where the peer is counts most.
+    if (targets.size() == maxTargets) targets.erase(targets.begin());
     targets.push_back(target);
     if (completion) check(target.address);
 }

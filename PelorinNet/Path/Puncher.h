@@ -31,8 +31,8 @@ public:
     // may start anew or destroy the puncher.
     void start(const std::vector<Candidate>& newTargets, SteadyTime deadline,
         std::function<void(std::optional<Candidate>)> newCompletion);
-    // One more address to check; at once, when a search runs. Known ones are ignored, and there are never
-    // more than 32.
+    // One more address to check; at once, when a search runs. Known ones are ignored, and beyond 32 each
+    // takes the oldest one's place.
     void add(const Candidate& target);
     void stop();
     // Every STUN datagram on the network socket that no server sent. Answers go on after a selection.

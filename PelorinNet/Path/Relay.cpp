@@ -1,7 +1,5 @@
 #include "PelorinNet/Path/Relay.h"
 
-#include "PelorinNet/Stun/ChannelData.h"
-
 #include <algorithm>
 #include <utility>
 
@@ -16,6 +14,7 @@ constexpr std::size_t maxPeers = 16;
 // its permission, and what failed is tried twice more before that lapses.
 constexpr Duration renewalPeriod = 240s;
 constexpr Duration rebindDelay = 15s;
+constexpr int maxRebindings = 2; // a relay may not want that address at all
 
 constexpr Duration firstRetry = 1s;
 constexpr Duration lastRetry = 60s;
@@ -74,45 +73,56 @@ void Relay::allocated(const SocketAddress& relayed)
     log.info("relay {}: allocated {}", server.host, relayed.text());
     failures = 0;
     isRefreshing = false;
+    rebindings = 0;
     proxy.add(*turn);
     timer = queue->every(renewalPeriod, [this] { renew(); });
-    const auto alive = lifetime.watch();
+    for (const Peer& peer : peers) bind(peer);
     if (onAllocated) onAllocated({relayed, candidateType});
-    if (!alive || !turn) return;
-    for (const SocketAddress& peer : peers) bind(peer);
 }
 
 void Relay::reach(const SocketAddress& peer)
 {
     queue->assertCurrent();
-    if (std::ranges::find(peers, peer) != peers.end() || peers.size() == maxPeers) return;
-    peers.push_back(peer);
-    if (turn && turn->relayed()) bind(peer);
+    if (std::ranges::find(peers, peer, &Peer::address) != peers.end()) return;
+    if (nextChannel > ChannelData::lastChannel || (peers.size() == maxPeers && !forgetOldest())) return;
+    peers.push_back({peer, nextChannel++});
+    rebindings = 0;
+    if (turn && turn->relayed()) bind(peers.back());
 }
 
-void Relay::bind(const SocketAddress& peer)
+// A peer that goes from network to network leaves addresses behind that lead nowhere.
+bool Relay::forgetOldest()
 {
-    const auto place = std::ranges::find(peers, peer) - peers.begin();
-    const auto channel = static_cast<std::uint16_t>(ChannelData::firstChannel + place);
-    turn->channelBind(peer, channel, [this, peer, channel](const Result<void, NetError>& bound) {
+    const auto oldest = std::ranges::find_if(peers, [this](const Peer& peer) {
+        return !turn || !isNeeded || !isNeeded(DatagramProxy::Path::relayed(*turn, peer.channel));
+    });
+    if (oldest == peers.end()) return false;
+    peers.erase(oldest);
+    return true;
+}
+
+void Relay::bind(const Peer& peer)
+{
+    turn->channelBind(peer.address, peer.channel, [this, peer](const Result<void, NetError>& bound) {
         if (!bound) {
-            log.info("relay {}: {} for {}", server.host, bound.error().description, peer.text());
+            log.info("relay {}: {} for {}", server.host, bound.error().description, peer.address.text());
             // One timer for all: those that are bound are only renewed.
             rebinding = queue->after(rebindDelay, [this] {
-                if (turn)
-                    for (const SocketAddress& each : peers) bind(each);
+                if (turn && rebindings++ < maxRebindings)
+                    for (const Peer& each : peers) bind(each);
             });
             return;
         }
-        proxy.openChannel(*turn, channel);
-        if (onChannel) onChannel(*turn, channel, peer);
+        proxy.openChannel(*turn, peer.channel);
+        if (onChannel) onChannel(*turn, peer.channel, peer.address);
     });
 }
 
 void Relay::renew()
 {
     refresh();
-    for (const SocketAddress& peer : peers) bind(peer);
+    rebindings = 0;
+    for (const Peer& peer : peers) bind(peer);
 }
 
 void Relay::distrust()

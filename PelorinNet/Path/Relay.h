@@ -6,8 +6,6 @@
 #include "PelorinNet/Path/PathServers.h"
 #include "PelorinNet/Path/TurnClient.h"
 
-#include <map>
-
 namespace pelorin {
 
 // One relay server as a session uses it: an allocation there, renewed while the session lives and made anew
@@ -23,12 +21,16 @@ public:
     std::function<void(const std::vector<SocketAddress>& addresses)>
         onServerKnown; // of the server, before that
     std::function<void(TurnClient&, std::uint16_t channel, const SocketAddress& peer)> onChannel;
+    // Whether the way through one of its channels is in use; one that isn't may be given up for another.
+    std::function<bool(const DatagramProxy::Path&)> isNeeded;
     std::function<void(TurnClient&)> onUnreachable; // the network says so; the allocation may live on
     std::function<void(TurnClient&)> onLost; // the client goes right after; another allocation follows
     std::function<void()> onFailed; // an attempt to allocate has failed; others follow
 
     void start();
-    void reach(const SocketAddress& peer); // opens a channel there, now or once there is an allocation
+    // Opens a channel there, now or once there is an allocation. Of more than 16 the oldest that is not
+    // needed is renewed no more.
+    void reach(const SocketAddress& peer);
     void distrust(); // its paths are dead: is the allocation?
 
     const std::string& name() const { return server.host; }
@@ -38,7 +40,12 @@ private:
     void look();
     void allocate(std::vector<SocketAddress> addresses);
     void allocated(const SocketAddress& relayed);
-    void bind(const SocketAddress& peer);
+    struct Peer {
+        SocketAddress address;
+        std::uint16_t channel = 0;
+    };
+    void bind(const Peer& peer);
+    bool forgetOldest();
     void renew();
     void refresh();
     void lose(const std::string& why);
@@ -51,10 +58,13 @@ private:
     const TurnCredentials credentials;
     const std::string candidateType;
 
-    // Of the peer, in the order they became known; their places give the channels' numbers.
-    std::vector<SocketAddress> peers;
+    // Of the peer, in the order they became known. A channel's number is never used again, for the relay
+    // holds it for the address that it was bound to.
+    std::vector<Peer> peers;
+    std::uint16_t nextChannel = ChannelData::firstChannel;
     Subscription timer; // the next renewal, or the next attempt
     Subscription rebinding; // of channels that could not be bound or renewed
+    int rebindings = 0; // since the last renewal
     bool isRefreshing = false;
     int failures = 0; // in a row
     std::unique_ptr<TurnClient> turn;

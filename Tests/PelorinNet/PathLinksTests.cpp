@@ -225,6 +225,27 @@ TEST_F(PathLinksTest, tellsThatItsOnlyPathIsBack)
     for (const int side : {0, 1}) EXPECT_THAT(ends[side].story, Contains("direct"));
 }
 
+TEST_F(PathLinksTest, findsItsPeerHoweverOftenThatHasMoved)
+{
+    start();
+    join(street, Kind::direct, "home");
+    longestSilence(1s);
+    street.isCut = true;
+    for (std::uint8_t i = 0; i < 100; ++i)
+        for (End& end : ends) {
+            const auto elsewhere = SocketAddress::ipv4({127, 0, 1, i}, 9);
+            end.links.add(Path::direct(elsewhere), elsewhere, Kind::direct, "elsewhere");
+            end.proxy->validatedPeers.insert(elsewhere);
+        }
+    longestSilence(3s);
+    join(relay, Kind::direct, "the hundredth");
+    longestSilence(1s);
+    for (const End& end : ends) {
+        EXPECT_THAT(end.story, ElementsAre("home", "home fell", "the hundredth"));
+        EXPECT_LE(end.proxy->validatedPeers.size(), 33u) << "of whom it has forgotten it takes nothing";
+    }
+}
+
 TEST_F(PathLinksTest, noticesWithinSecondsThatAnIdlePathIsDead)
 {
     start();

@@ -365,9 +365,12 @@ TEST_F(PuncherTest, checksWhatIsAddedAtOnceAndKeepsTheListShort)
     const RawUDP sink({127, 0, 0, 2});
     for (int i = 0; i < 100; ++i)
         puncher->add({SocketAddress::ipv4({127, 0, 1, std::uint8_t(i)}, sink.address.port), "host"});
-    EXPECT_EQ(puncher->checksSent(), 32);
+    const int sent = puncher->checksSent();
+    const RawUDP latest;
+    puncher->add(candidate(latest));
     queues.advance(50ms);
-    EXPECT_EQ(puncher->checksSent(), 64);
+    EXPECT_EQ(puncher->checksSent(), sent + 1 + 32);
+    EXPECT_EQ(checks(latest), 2u) << "of too many, the latest count";
 
     // Addresses that the peer reveals one after another end at the latest.
     start({});
