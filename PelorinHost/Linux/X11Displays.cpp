@@ -206,17 +206,18 @@ bool X11Displays::reconnect()
 {
     connection.reset();
     auto opened = X11Connection::open(displayName);
-    if (!opened) {
-        log.warning("no displays to arrange: {}", opened.error().description);
-        return false;
-    }
-    if (!hasMonitors(*opened)) {
-        log.warning("no displays to arrange: the X server has no RandR 1.5");
-        return false;
-    }
+    if (!opened) return lackServer(opened.error().description);
+    if (!hasMonitors(*opened)) return lackServer("the X server has no RandR 1.5");
+    isLackReported = false;
     connection = std::move(*opened);
     checkNote();
     return true;
+}
+
+bool X11Displays::lackServer(const std::string& reason)
+{
+    if (!std::exchange(isLackReported, true)) log.warning("no displays to arrange: {}", reason);
+    return false;
 }
 
 // A note that another server left, or that was left of a server gone since, means nothing for this one.

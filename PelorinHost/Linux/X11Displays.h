@@ -40,6 +40,7 @@ private:
     // Each asks for the lock to be held.
     const X11Connection* connected();
     bool reconnect();
+    bool lackServer(const std::string& reason);
     void checkNote();
     bool keepNote();
     bool noteArrangement();
@@ -64,6 +65,7 @@ private:
     Log log{"display"};
     std::mutex lock; // guards what follows
     std::optional<X11Connection> connection;
+    bool isLackReported = false; // of a server, since there was one
     std::filesystem::path noteFile; // empty: nothing is noted, and so nothing changed
     bool isNoteRead = false;
     X11DisplayNote note;

@@ -132,7 +132,7 @@ TEST(PhoneDisplay, isThereWithinASecondAndTurnsWithinOne)
     ASSERT_TRUE(host.waitUntilListening());
     peers::RawPhone phone(host.port());
     const auto begun = std::chrono::steady_clock::now();
-    const auto limit = 1s * lab::slowness;
+    const auto limit = 1s * lab::slowness; // on a machine that does nothing else
     phone.send(helloOfPhone());
     ASSERT_EQ(phone.wait<message::DisplayInfo>(), (message::DisplayInfo{390, 844, 390, 844})) << host.log();
     ASSERT_TRUE(phone.wait<message::VideoFrame>());
