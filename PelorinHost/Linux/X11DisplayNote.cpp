@@ -1,11 +1,18 @@
 #include "PelorinHost/Linux/X11DisplayNote.h"
 
+#include "PelorinNet/Channel/PelorinTLS.h"
+
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 namespace pelorin {
 namespace {
 
 using nlohmann::json;
+
+constexpr auto patience = X11Connection::patience;
+constexpr std::string_view tokenProperty = "_PELORIN_DISPLAY_NOTE";
+constexpr std::uint32_t longestToken = 64; // bytes
 
 json jsonOf(const X11Crtc& crtc)
 {
@@ -74,6 +81,15 @@ X11DisplayNote noteIn(const json& object)
     return note;
 }
 
+xcb_atom_t propertyAtom(const X11Connection& connection)
+{
+    const auto reply = connection.reply<xcb_intern_atom_reply_t>(
+        xcb_intern_atom(
+            connection.get(), 0, static_cast<std::uint16_t>(tokenProperty.size()), tokenProperty.data()),
+        patience);
+    return reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+}
+
 } // namespace
 
 std::string X11DisplayNote::toJSON() const
@@ -97,6 +113,30 @@ std::optional<X11DisplayNote> X11DisplayNote::parse(std::string_view text)
     } catch (const json::exception&) {
         return std::nullopt;
     }
+}
+
+std::string newNoteToken()
+{
+    return fmt::format("{:02x}", fmt::join(PelorinTLS::randomBytes(16), ""));
+}
+
+std::string noteTokenOn(const X11Connection& connection)
+{
+    const auto reply = connection.reply<xcb_get_property_reply_t>(
+        xcb_get_property(connection.get(), 0, connection.root(), propertyAtom(connection), XCB_ATOM_STRING, 0,
+            longestToken / 4),
+        patience);
+    if (!reply || reply->format != 8) return {};
+    return {static_cast<const char*>(xcb_get_property_value(reply.get())),
+        static_cast<std::size_t>(xcb_get_property_value_length(reply.get()))};
+}
+
+// On the server before in the file: a file without its mark would never be believed.
+bool markWithToken(const X11Connection& connection, const std::string& token)
+{
+    xcb_change_property(connection.get(), XCB_PROP_MODE_REPLACE, connection.root(), propertyAtom(connection),
+        XCB_ATOM_STRING, 8, static_cast<std::uint32_t>(token.size()), token.data());
+    return noteTokenOn(connection) == token;
 }
 
 } // namespace pelorin

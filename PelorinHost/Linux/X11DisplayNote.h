@@ -22,4 +22,8 @@ struct X11DisplayNote {
     static std::optional<X11DisplayNote> parse(std::string_view text); // nothing for anything but such a text
 };
 
+std::string newNoteToken();
+std::string noteTokenOn(const X11Connection& connection); // empty when the server carries none
+bool markWithToken(const X11Connection& connection, const std::string& token); // false: it does not take it
+
 } // namespace pelorin

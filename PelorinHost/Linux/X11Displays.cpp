@@ -1,15 +1,11 @@
 #include "PelorinHost/Linux/X11Displays.h"
 
-#include "PelorinNet/Channel/PelorinTLS.h"
+#include "PelorinHost/Linux/X11DrawnMonitor.h"
 #include "PelorinNet/Files/AtomicFile.h"
 
 #include <algorithm>
-#include <cstring>
-#include <fmt/ranges.h>
 #include <set>
-#include <sys/uio.h>
 #include <utility>
-#include <xcb/xcbext.h>
 
 namespace pelorin {
 namespace {
@@ -17,10 +13,7 @@ namespace {
 constexpr auto patience = X11Connection::patience;
 constexpr const char* noteName = "display-restore.json";
 constexpr std::size_t largestNote = 4 << 20; // 16 CRTCs with ramps of 4096 entries need about one
-constexpr std::string_view tokenProperty = "_PELORIN_DISPLAY_NOTE";
-constexpr std::uint32_t longestToken = 64; // bytes
 constexpr std::string_view modePrefix = "pelorin-"; // "pelorin-390x844"
-constexpr std::string_view monitorName = "Pelorin";
 constexpr int modeRefreshRate = 60;
 constexpr int notTaken = 1003; // in place of a RandR status: the server has no place for such a display
 
@@ -29,60 +22,12 @@ std::string modeName(PointSize size)
     return fmt::format("{}{}x{}", modePrefix, size.width, size.height);
 }
 
-xcb_atom_t atomOf(const X11Connection& connection, std::string_view name)
-{
-    const auto reply = connection.reply<xcb_intern_atom_reply_t>(
-        xcb_intern_atom(connection.get(), 0, static_cast<std::uint16_t>(name.size()), name.data()), patience);
-    return reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
-}
-
 bool hasMonitors(const X11Connection& connection)
 {
     if (!connection.extension(&xcb_randr_id)) return false;
     const auto version = connection.reply<xcb_randr_query_version_reply_t>(
         xcb_randr_query_version(connection.get(), 1, 5), patience);
     return version && (version->major_version > 1 || version->minor_version >= 5);
-}
-
-std::string tokenOn(const X11Connection& connection)
-{
-    const auto reply = connection.reply<xcb_get_property_reply_t>(
-        xcb_get_property(connection.get(), 0, connection.root(), atomOf(connection, tokenProperty),
-            XCB_ATOM_STRING, 0, longestToken / 4),
-        patience);
-    if (!reply || reply->format != 8) return {};
-    return {static_cast<const char*>(xcb_get_property_value(reply.get())),
-        static_cast<std::size_t>(xcb_get_property_value_length(reply.get()))};
-}
-
-// On the server before in the file: a file without its mark would never be believed.
-bool markServer(const X11Connection& connection, const std::string& token)
-{
-    xcb_change_property(connection.get(), XCB_PROP_MODE_REPLACE, connection.root(),
-        atomOf(connection, tokenProperty), XCB_ATOM_STRING, 8, static_cast<std::uint32_t>(token.size()),
-        token.data());
-    return tokenOn(connection) == token;
-}
-
-// xcb's own form of this request can't carry outputs.
-void sendSetMonitor(const X11Connection& connection, const xcb_randr_monitor_info_t& info,
-    const std::vector<std::uint32_t>& outputs)
-{
-    xcb_randr_set_monitor_request_t head{};
-    head.window = connection.root();
-    std::vector<std::uint32_t> request((sizeof head + sizeof info) / sizeof(std::uint32_t));
-    std::memcpy(request.data(), &head, sizeof head);
-    std::memcpy(request.data() + sizeof head / sizeof(std::uint32_t), &info, sizeof info);
-    request.insert(request.end(), outputs.begin(), outputs.end());
-    // xcb fills in the head; it asks for two free places before the first part.
-    iovec parts[3] = {{}, {}, {request.data(), request.size() * sizeof(std::uint32_t)}};
-    const xcb_protocol_request_t protocol{1, &xcb_randr_id, XCB_RANDR_SET_MONITOR, 1};
-    xcb_send_request(connection.get(), 0, parts + 2, &protocol);
-}
-
-std::string newToken()
-{
-    return fmt::format("{:02x}", fmt::join(PelorinTLS::randomBytes(16), ""));
 }
 
 } // namespace
@@ -228,7 +173,7 @@ void X11Displays::checkNote()
         if (const auto text = readWholeFile(noteFile, largestNote))
             note = X11DisplayNote::parse(*text).value_or(X11DisplayNote{.token = "unreadable"});
     if (note.token.empty()) return;
-    if (tokenOn(*connection) != note.token) {
+    if (noteTokenOn(*connection) != note.token) {
         log.info("the displays are not those that were changed; nothing to restore");
         note = {};
         gamma.reset();
@@ -254,8 +199,8 @@ bool X11Displays::keepNote()
         return true;
     }
     if (note.token.empty()) {
-        note.token = newToken();
-        if (!markServer(*connection, note.token)) return false;
+        note.token = newNoteToken();
+        if (!markWithToken(*connection, note.token)) return false;
     }
     return writeFileAtomically(noteFile, note.toJSON());
 }
@@ -357,33 +302,9 @@ int X11Displays::cover(PointSize size)
     target.width = std::max(target.width, size.width);
     target.height = std::max(target.height, size.height);
     if (const int failure = change(*now, target); failure != 0) return failure;
-    if (const int failure = setMonitor(size, {}); failure != 0) return failure;
-    made = {atomOf(*connection, monitorName), 0, size, made && made->isMirrored};
+    if (!drawMonitor(*connection, size, {})) return notTaken;
+    made = {drawnMonitorID(*connection), 0, size, made && made->isMirrored};
     return 0;
-}
-
-int X11Displays::setMonitor(PointSize size, const std::vector<std::uint32_t>& outputs)
-{
-    xcb_randr_monitor_info_t info{};
-    info.name = atomOf(*connection, monitorName);
-    info.primary = 1;
-    info.nOutput = static_cast<std::uint16_t>(outputs.size());
-    info.width = static_cast<std::uint16_t>(size.width);
-    info.height = static_cast<std::uint16_t>(size.height);
-    info.width_in_millimeters = static_cast<std::uint32_t>(size.width * 254 / 960);
-    info.height_in_millimeters = static_cast<std::uint32_t>(size.height * 254 / 960);
-    // A name that is taken is refused, whatever the protocol's text says.
-    xcb_randr_delete_monitor(connection->get(), connection->root(), info.name);
-    sendSetMonitor(*connection, info, outputs);
-    const auto reply = connection->reply<xcb_randr_get_monitors_reply_t>(
-        xcb_randr_get_monitors(connection->get(), connection->root(), 1), patience);
-    if (!reply) return serverSilent;
-    for (auto monitors = xcb_randr_get_monitors_monitors_iterator(reply.get()); monitors.rem > 0;
-        xcb_randr_monitor_info_next(&monitors)) {
-        const auto& m = *monitors.data;
-        if (m.name == info.name && m.width == size.width && m.height == size.height) return 0;
-    }
-    return notTaken;
 }
 
 int X11Displays::mirrorOutputs(const std::vector<std::uint32_t>& displays)
@@ -396,7 +317,8 @@ int X11Displays::mirrorOutputs(const std::vector<std::uint32_t>& displays)
     for (const auto& output : outputs->outputs)
         if (std::ranges::count(displays, output.nameAtom) > 0) mirroring.insert(output.id);
 
-    if (made->output == 0) return setMonitor(made->size, {mirroring.begin(), mirroring.end()});
+    if (made->output == 0)
+        return drawMonitor(*connection, made->size, {mirroring.begin(), mirroring.end()}) ? 0 : notTaken;
 
     const auto takesSize = [&](const X11Outputs::Mode& mode, const X11Crtc& crtc) {
         return mode.width == made->size.width && mode.height == made->size.height
@@ -498,7 +420,7 @@ int X11Displays::undo()
         for (const auto& crtc : target.crtcs) showGamma(crtc.id);
     const int failure = applyArrangement(*connection, target);
     if (!gamma) putBackRamps();
-    xcb_randr_delete_monitor(connection->get(), connection->root(), atomOf(*connection, monitorName));
+    eraseMonitor(*connection);
     dropModes(std::nullopt);
     return failure;
 }

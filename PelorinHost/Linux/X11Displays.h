@@ -50,7 +50,6 @@ private:
     std::vector<std::uint32_t> spareOutputs() const;
     int light(std::uint32_t output, PointSize size);
     int cover(PointSize size);
-    int setMonitor(PointSize size, const std::vector<std::uint32_t>& outputs);
     int mirrorOutputs(const std::vector<std::uint32_t>& displays);
     int change(const X11Arrangement& now, const X11Arrangement& target);
     std::uint32_t modeOf(PointSize size, std::uint32_t output, const X11Outputs& outputs);
