@@ -127,6 +127,18 @@ TEST_F(PathSetupTest, tellsNoAddressOfOursWhenEverythingIsToBeRelayed)
     EXPECT_TRUE(told.empty()) << told;
 }
 
+TEST_F(PathSetupTest, tellsNobodyWhatWasGatheredOnceItIsGone)
+{
+    for (const bool isForced : {false, true}) {
+        open(host, {.forceTurn = isForced, .breakAfter = {}});
+        bool isTold = false;
+        host.setup->gather(100ms, [&] { isTold = true; });
+        host.setup.reset();
+        queues.advance(1s);
+        EXPECT_FALSE(isTold);
+    }
+}
+
 TEST_F(PathSetupTest, keepsWithinBoundsWhateverIsSignalled)
 {
     RawUDP victim({127, 0, 0, 2});
