@@ -6,11 +6,14 @@
 #include "PelorinViewer/Picture.h"
 
 #include <algorithm>
+#include <climits>
 #include <utility>
 
 namespace pelorin {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // Large enough not to shrink the usual desktop.
 constexpr Viewport headlessViewport{1920, 1080, 1};
@@ -19,6 +22,20 @@ constexpr double defaultMotionSeconds = 10;
 
 constexpr const char* howToPair
     = "run `pelorin-host pair` there and give the link it prints to pelorin-viewer";
+
+// Of attempts to resume a session. At first they are short and close together, since the network may be back
+// at any moment and nothing may tell us; later ones leave time to a slow network and rest to a dead one.
+struct Resuming {
+    int upTo; // tries
+    Duration limit; // of one try
+    Duration pause; // after one that failed
+};
+constexpr Resuming resuming[] = {{10, 1500ms, 250ms}, {20, 4s, 1s}, {INT_MAX, 20s, 5s}};
+
+const Resuming& resumingAt(int tries)
+{
+    return *std::ranges::find_if(resuming, [&](const Resuming& each) { return tries < each.upTo; });
+}
 
 Duration durationOf(double seconds)
 {
@@ -55,11 +72,12 @@ Viewer::Viewer(
     if (options.measure != MeasureKind::none) openGoals.push_back(Goal::measurement);
 }
 
-void Viewer::start(Connect newConnect, Duration patience)
+void Viewer::start(Connect newConnect, Duration patience, Duration newResumption)
 {
     queue->assertCurrent();
     startedAt = queue->now();
     patientUntil = startedAt + patience;
+    resumption = newResumption;
     if (options.timeoutSeconds > 0)
         timeoutTimer = queue->after(durationOf(options.timeoutSeconds),
             [this] { finish(ViewerExit::failed, "not done when the time was up"); });
@@ -67,17 +85,79 @@ void Viewer::start(Connect newConnect, Duration patience)
     attempt();
 }
 
+RemoteReports Viewer::remoteReports()
+{
+    return {.reached =
+                [this](const PhoneConnector::Steps& steps, const std::string& path) {
+                    report.connect.isRemote = true;
+                    report.connect.steps = steps;
+                    report.connect.path = path;
+                    if (onPath) onPath(path);
+                },
+        .failed = [this](const PhoneConnector::Failure& failure) { remoteFailure = failure; },
+        .pathChanged =
+            [this](const std::string& path) {
+                ++report.pathChanges;
+                report.connect.path = path;
+                if (onPath) onPath(path);
+            }};
+}
+
 void Viewer::attempt()
 {
+    attemptedAt = queue->now();
+    report.connect = {};
+    remoteFailure.reset();
+    if (lostAt)
+        retryTimer = queue->after(resumingAt(tries).limit, [this] {
+            connecting.cancel();
+            if (!triesAgain()) finish(ViewerExit::lost, "the session was lost, and no other came about");
+        });
     connecting = connect(
         [this](Result<std::unique_ptr<Channel>, NetError> channel) { connected(std::move(channel)); });
 }
 
 bool Viewer::triesAgain()
 {
+    if (lostAt) return triesToResume();
     if (queue->now() >= patientUntil) return false;
     retryTimer = queue->after(PairingExchange::retryPause, [this] { attempt(); });
     return true;
+}
+
+bool Viewer::triesToResume()
+{
+    using Kind = PhoneConnector::Failure::Kind;
+    if (queue->now() - *lostAt >= resumption) return false;
+    if (remoteFailure && (remoteFailure->kind == Kind::refused || remoteFailure->kind == Kind::wrongHost))
+        return false;
+    retryTimer = queue->after(resumingAt(tries++).pause, [this] { attempt(); });
+    return true;
+}
+
+bool Viewer::resumes()
+{
+    if (resumption == Duration::zero() || !hasBegun) return false;
+    if (!lostAt) {
+        lostAt = queue->now();
+        tries = 0;
+        log.warning("the session was lost, trying for another");
+    }
+    if (session) report.figures = session->total();
+    session.reset();
+    if (tries > 0) return triesToResume(); // a session that came and went at once
+    if (onLost) onLost();
+    tries = 1;
+    attempt();
+    return true;
+}
+
+void Viewer::networkChanged()
+{
+    queue->assertCurrent();
+    if (!lostAt || session || isFinished) return;
+    tries = 0;
+    attempt();
 }
 
 void Viewer::stop()
@@ -101,9 +181,12 @@ void Viewer::drew(Duration drawing)
 void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
 {
     if (isFinished) return;
+    retryTimer.cancel();
     if (!channel) {
-        if (!triesAgain()) finish(ViewerExit::cannotConnect, channel.error().description);
-        return;
+        if (triesAgain()) return;
+        const bool isRefusal = remoteFailure && remoteFailure->kind == PhoneConnector::Failure::Kind::refused;
+        return finish(
+            isRefusal ? ViewerExit::refused : ViewerExit::cannotConnect, channel.error().description);
     }
     PhoneSession::Settings settings{.clientName = ownName(),
         .viewport = options.viewport.value_or(headlessViewport),
@@ -135,10 +218,18 @@ void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
 void Viewer::greeted(const std::string& hostName)
 {
     report.hostName = hostName;
+    report.connect.hello = queue->now() - attemptedAt;
     log.info("connected to {}", hostName);
     const auto wanted = sessionOptionsOf(options);
     if (wanted != SessionOptions{}) send(message::SetOptions{wanted});
+    if (std::exchange(lostAt, std::nullopt)) ++report.resumes;
+    const auto alive = lifetime.watch();
     if (onHello) onHello(hostName);
+    if (alive && !isFinished && !std::exchange(hasBegun, true)) begin();
+}
+
+void Viewer::begin()
+{
     if (std::ranges::count(openGoals, Goal::seconds) > 0)
         secondsTimer = queue->after(durationOf(options.seconds), [this] { reached(Goal::seconds); });
     startMeasurement();
@@ -177,7 +268,9 @@ void Viewer::startMeasurement()
     }
     if (options.measure == MeasureKind::motion) {
         motion.emplace(queue, durationOf(options.seconds > 0 ? options.seconds : defaultMotionSeconds));
-        motion->onBegin = [this] { session->restartFigures(); };
+        motion->onBegin = [this] {
+            if (session) session->restartFigures();
+        };
         motion->onEnd = [this](const MotionFigures& figures) {
             report.motion = figures;
             if (figures.distinctFps > 0)
@@ -194,6 +287,7 @@ void Viewer::showed(const ReceivedPicture& picture)
     if (!report.firstPictureMs)
         report.firstPictureMs
             = std::chrono::duration<double, std::milli>(picture.decodedAt - startedAt).count();
+    if (!report.connect.firstPicture) report.connect.firstPicture = picture.decodedAt - attemptedAt;
     last = picture.picture;
     ++frames;
     if (options.isHeadless) session->drew({}); // nothing is drawn, which takes no time
@@ -212,6 +306,7 @@ void Viewer::ended(const PhoneSession::End& end)
 {
     using Kind = PhoneSession::End::Kind;
     if (end.kind == Kind::notLetIn && triesAgain()) return;
+    if (end.kind == Kind::dropped && resumes()) return;
     const bool isRefusal = end.kind == Kind::refused || end.kind == Kind::incompatible
         || end.handshake == PelorinTLS::HandshakeFailure::keyRefused;
     finish(isRefusal ? ViewerExit::refused : ViewerExit::lost, explained(end));

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PelorinPhone/Pairing/SecureConnect.h"
 #include "PelorinPhone/PhoneSession.h"
+#include "PelorinPhone/RemoteConnect.h"
 #include "PelorinViewer/ScriptPlayer.h"
 #include "PelorinViewer/ViewerReport.h"
 
@@ -33,13 +33,19 @@ public:
     // On the queue.
     std::function<void(const ReceivedPicture&)> onPicture;
     std::function<void(const PhoneFigures&)> onSecond;
-    std::function<void(std::string hostName)> onHello;
+    std::function<void(std::string hostName)> onHello; // again for a session that takes a lost one's place
+    std::function<void()> onLost; // another session is being tried for
+    std::function<void(std::string path)> onPath; // of a remote session
     std::function<void(std::string)> onClipboard;
     std::function<void(ViewerResult)> onFinished; // once; may destroy us
 
     // For so long as patience, a host that does not let us in yet, or can't be reached, is tried again: one
-    // that has just paired us takes a few seconds to listen with our key.
-    void start(Connect connect, Duration patience = {});
+    // that has just paired us takes a few seconds to listen with our key. For so long as resumption, a session
+    // that was lost is begun anew.
+    void start(Connect connect, Duration patience = {}, Duration resumption = {});
+    // For a connect that goes through a rendezvous service.
+    RemoteReports remoteReports();
+    void networkChanged(); // the machine's interfaces or routes: what waits is tried now
     void stop(); // as the user asks
     void send(const Message& message); // without effect while there is no session
     void drew(Duration drawing);
@@ -50,6 +56,9 @@ private:
 
     void attempt();
     bool triesAgain();
+    bool triesToResume();
+    bool resumes();
+    void begin();
     void connected(Result<std::unique_ptr<Channel>, NetError> channel);
     void greeted(const std::string& hostName);
     void showed(const ReceivedPicture& picture);
@@ -66,10 +75,16 @@ private:
     Log log{"viewer"};
     std::vector<Goal> openGoals;
     SteadyTime startedAt;
+    SteadyTime attemptedAt; // the latest time
     SteadyTime patientUntil;
+    Duration resumption{};
+    std::optional<SteadyTime> lostAt; // while a lost session is to be resumed
+    int tries = 0; // to resume it
+    bool hasBegun = false; // what is to be done on a session
+    std::optional<PhoneConnector::Failure> remoteFailure; // of the latest attempt
     Connect connect;
     Subscription connecting;
-    Subscription retryTimer;
+    Subscription retryTimer; // the next attempt, or the time for the one that runs
     std::unique_ptr<PhoneSession> session;
     ScriptPlayer script;
     std::optional<LatencyMeasurement> latency;

@@ -38,8 +38,8 @@ std::optional<HostAddress> HostAddress::parse(std::string_view text)
 std::optional<ViewerTarget> parseTarget(std::string_view text)
 {
     if (text.contains("://")) {
-        auto link = PairingLink::parse(text);
-        return link ? std::optional<ViewerTarget>(std::move(*link)) : std::nullopt;
+        auto offer = PairingOffer::parse(text);
+        return offer ? std::optional<ViewerTarget>(std::move(*offer)) : std::nullopt;
     }
     if (auto address = HostAddress::parse(text)) return std::move(*address);
     return PairedHostName{std::string(text)};

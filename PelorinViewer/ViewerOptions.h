@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PelorinCore/Pairing/PairingLink.h"
+#include "PelorinCore/Pairing/RemotePairingLink.h"
 #include "PelorinCore/Wire/Message.h"
 
 #include <optional>
@@ -32,7 +32,7 @@ struct PairedHostName {
     std::string text;
     bool operator==(const PairedHostName&) const = default;
 };
-using ViewerTarget = std::variant<HostAddress, PairingLink, PairedHostName>;
+using ViewerTarget = std::variant<HostAddress, PairingOffer, PairedHostName>;
 
 // HOST:PORT, a pairing link, or else the name of a paired host. Nothing for a link that is not whole.
 std::optional<ViewerTarget> parseTarget(std::string_view text);

@@ -1,6 +1,7 @@
 #include "PelorinViewer/ViewerProgram.h"
 
 #include "PelorinNet/Channel/TcpChannel.h"
+#include "PelorinNet/Path/NetworkWatch.h"
 #include "PelorinPhone/GestureShaper.h"
 #include "PelorinPhone/Pairing/PairingExchange.h"
 #include "PelorinViewer/HostList.h"
@@ -22,6 +23,9 @@ using namespace std::chrono_literals;
 
 constexpr Duration connectTimeout = 10s;
 
+// How long a session that was lost is tried for again: a train's tunnel, a lid that was closed.
+constexpr Duration resumption = 10min;
+
 // The session and the decoder, each on a thread of its own when both have work.
 constexpr int threads = 2;
 
@@ -31,6 +35,7 @@ constexpr auto farewell = 100ms;
 // Whom to connect to, once a link is redeemed and a name is looked up.
 struct Way {
     std::variant<HostAddress, PairedHost> host;
+    std::shared_ptr<const DeviceIdentity> identity{}; // for a host that a rendezvous service leads to
     Duration patience{};
 };
 
@@ -84,6 +89,7 @@ public:
         const auto gone = std::make_shared<std::promise<void>>();
         queue->post([this, gone] {
             signalWatch.cancel();
+            networkWatch.reset();
             gestures.reset();
             viewer.reset();
             gone->set_value();
@@ -111,19 +117,32 @@ public:
 private:
     void connect(const Way& way)
     {
-        queue->post([this, way] { viewer->start(connectionTo(way.host), way.patience); });
+        queue->post([this, way] {
+            networkWatch = std::make_unique<NetworkWatch>(queue);
+            networkWatch->onChange = [this] { viewer->networkChanged(); };
+            viewer->start(connectionTo(way), way.patience, way.identity ? resumption : Duration::zero());
+        });
     }
 
-    Connect connectionTo(const std::variant<HostAddress, PairedHost>& host)
+    Connect connectionTo(const Way& way)
     {
         const ConnectTo connectTo = [this](std::string name, std::uint16_t port, Connected connected) {
             return connectTcp(pool, queue, std::move(name), port, connectTimeout, std::move(connected));
         };
-        if (const auto* paired = std::get_if<PairedHost>(&host))
-            return connectSecurely(connectTo, paired->place, paired->key);
-        return [connectTo, address = std::get<HostAddress>(host)](Connected connected) {
-            return connectTo(address.host, address.port, std::move(connected));
-        };
+        if (const auto* address = std::get_if<HostAddress>(&way.host))
+            return [connectTo, address = *address](Connected connected) {
+                return connectTo(address.host, address.port, std::move(connected));
+            };
+        const auto& host = std::get<PairedHost>(way.host);
+        Connect tailnet, remote;
+        if (host.hasTailnet()) tailnet = connectSecurely(connectTo, host.place, host.key);
+        if (host.remote) {
+            identity = way.identity;
+            remote = connectRemotely(
+                queue, {pool, *identity, rendezvousSockets(pool)}, *host.remote, viewer->remoteReports());
+        }
+        if (tailnet && remote) return connectEitherWay(queue, std::move(tailnet), std::move(remote));
+        return tailnet ? tailnet : remote;
     }
 
     void attach(ViewerWindow& shown)
@@ -131,7 +150,12 @@ private:
         window = &shown;
         viewer->onPicture = [this](const ReceivedPicture& picture) { window->show(picture); };
         viewer->onSecond = [this](const PhoneFigures& figures) { window->setFigures(figures); };
-        viewer->onHello = [this](const std::string& hostName) { window->setTitle(hostName + " - Pelorin"); };
+        viewer->onHello = [this](const std::string& hostName) {
+            title = hostName + " - Pelorin";
+            window->setTitle(title);
+        };
+        viewer->onLost = [this] { window->setTitle("… " + title); };
+        viewer->onPath = [this](std::string path) { window->setPath(std::move(path)); };
         viewer->onClipboard = [this](std::string text) { window->setClipboard(std::move(text)); };
     }
 
@@ -168,9 +192,12 @@ private:
 
     // On the queue.
     std::unique_ptr<Viewer> viewer;
+    std::shared_ptr<const DeviceIdentity> identity; // while there are remote connections
+    std::unique_ptr<NetworkWatch> networkWatch;
     std::optional<GestureShaper> gestures;
     Subscription signalWatch;
     ViewerWindow* window = nullptr;
+    std::string title; // of the window, while there is a session
 };
 
 ViewerResult runHeadless(
@@ -190,18 +217,28 @@ ViewerResult runInWindow(
     return run.inWindow(way, **window, options.sharesClipboard);
 }
 
+Result<Way, ViewerResult> wayTo(PairedHost host, Duration patience = {})
+{
+    Way way{.host = std::move(host), .patience = patience};
+    if (!std::get<PairedHost>(way.host).remote) return way;
+    auto identity = ownIdentity();
+    if (!identity) return std::unexpected(ViewerResult{ViewerExit::failed, identity.error(), {}});
+    way.identity = std::move(*identity);
+    return way;
+}
+
 Result<Way, ViewerResult> wayTo(const ViewerTarget& target, const EndSignals& signals)
 {
     if (const auto* address = std::get_if<HostAddress>(&target)) return Way{*address};
     if (const auto* name = std::get_if<PairedHostName>(&target)) {
         auto known = ownPairedHosts().find(name->text);
         if (!known) return std::unexpected(ViewerResult{ViewerExit::usage, known.error(), {}});
-        return Way{std::move(*known)};
+        return wayTo(std::move(*known));
     }
-    auto paired = pairWith(std::get<PairingLink>(target), ownPairedHosts(), signals);
+    auto paired = pairWith(std::get<PairingOffer>(target), ownPairedHosts(), signals);
     if (!paired) return std::unexpected(std::move(paired.error()));
     fmt::print(stderr, "Paired with {0}. From now on: pelorin-viewer '{0}'\n", paired->name);
-    return Way{std::move(*paired), PairingExchange::keyPatience};
+    return wayTo(std::move(*paired), PairingExchange::keyPatience);
 }
 
 } // namespace

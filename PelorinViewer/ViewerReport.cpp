@@ -25,6 +25,21 @@ Json stagesOf(const PhoneFigures& figures)
     return stages;
 }
 
+Json inMs(const std::optional<Duration>& duration)
+{
+    if (!duration) return nullptr;
+    return rounded(std::chrono::duration<double, std::milli>(*duration).count());
+}
+
+Json connectOf(const ViewerReport::Connect& connect)
+{
+    const auto& steps = connect.steps;
+    return {{"way", connect.isRemote ? "rendezvous" : "direct"}, {"path", connect.path},
+        {"serviceMs", inMs(steps.service)}, {"acceptedMs", inMs(steps.accepted)},
+        {"pathMs", inMs(steps.path)}, {"securedMs", inMs(steps.secured)}, {"helloMs", inMs(connect.hello)},
+        {"firstPictureMs", inMs(connect.firstPicture)}};
+}
+
 Json latencyOf(const Samples& samples)
 {
     return {{"p50", rounded(samples.percentile(0.5))}, {"p95", rounded(samples.percentile(0.95))},
@@ -39,6 +54,7 @@ std::string ViewerReport::json() const
         {"heightPx", heightPx}, {"firstPictureMs", rounded(firstPictureMs)},
         {"seconds", rounded(figures.seconds)}, {"frames", figures.frames}, {"fps", rounded(figures.fps)},
         {"mbps", rounded(figures.mbps)}, {"dropped", figures.dropped}, {"rttMs", rounded(figures.rttMs)},
+        {"connect", connectOf(connect)}, {"pathChanges", pathChanges}, {"resumes", resumes},
         {"stagesMs", stagesOf(figures)},
         {"pictureAgeMs", {{"p50", rounded(figures.ageMs)}, {"p95", rounded(figures.age95Ms)}}}};
     if (latency) {

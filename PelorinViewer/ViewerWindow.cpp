@@ -117,12 +117,14 @@ struct ViewerWindow::State {
     bool needsDrawing = true;
     std::string lastClipboard;
     std::vector<std::string> figureLines;
+    std::string path; // above them; empty: none is told
     bool isClosing = false;
 
     // What other threads leave for it.
     struct Mail {
         std::optional<ReceivedPicture> picture;
         std::optional<PhoneFigures> figures;
+        std::optional<std::string> path;
         std::optional<std::string> title;
         std::optional<std::string> clipboard;
         bool close = false;
@@ -195,8 +197,10 @@ void ViewerWindow::State::takeMail(const WindowInput& input)
         lastClipboard = *taken.clipboard;
         SDL_SetClipboardText(lastClipboard.c_str());
     }
+    if (taken.path) path = std::move(*taken.path);
     if (taken.figures) {
         figureLines = linesOf(*taken.figures);
+        if (!path.empty()) figureLines.insert(figureLines.begin(), path);
         needsDrawing = needsDrawing || showsFigures;
     }
     isClosing = isClosing || taken.close;
@@ -407,6 +411,11 @@ void ViewerWindow::show(const ReceivedPicture& picture)
 void ViewerWindow::setFigures(const PhoneFigures& figures)
 {
     state->leave([&](State::Mail& mail) { mail.figures = figures; });
+}
+
+void ViewerWindow::setPath(std::string path)
+{
+    state->leave([&](State::Mail& mail) { mail.path = std::move(path); });
 }
 
 void ViewerWindow::setTitle(std::string title)

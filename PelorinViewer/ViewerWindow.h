@@ -21,7 +21,7 @@ struct WindowInput {
 
 // The window: shows pictures with bars where the shapes differ, the figures over them when wanted, and takes
 // the mouse and the keyboard. Lives on the thread that made it, which run occupies; show, setFigures,
-// setTitle, setClipboard and close may be called from any thread. Owned by the program.
+// setPath, setTitle, setClipboard and close may be called from any thread. Owned by the program.
 class ViewerWindow {
 public:
     // Fails with the platform's text, such as when there is no display.
@@ -33,6 +33,7 @@ public:
 
     void show(const ReceivedPicture& picture); // replaces one that was not drawn yet
     void setFigures(const PhoneFigures& figures);
+    void setPath(std::string path); // shown with the next figures
     void setTitle(std::string title);
     void setClipboard(std::string text);
     void close();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PelorinCore/Pairing/Key.h"
+#include "PelorinNet/Rendezvous/PhoneConnector.h"
 
 #include <optional>
 #include <string>
@@ -15,12 +16,15 @@ struct HostPlace {
     bool operator==(const HostPlace&) const = default;
 };
 
-// A host that this phone is paired with.
+// A host that this phone is paired with, over the tailnet, through a rendezvous service, or both.
 struct PairedHost {
     std::string name; // as the host calls itself, fit for a menu
-    HostPlace place;
-    PelorinTLS::Key key; // what the host issued, "dev-…"
+    HostPlace place; // no address: only the service leads there
+    PelorinTLS::Key key; // what the host issued, "dev-…"; empty like place
+    std::optional<RemotePlace> remote{};
     bool operator==(const PairedHost&) const = default;
+
+    bool hasTailnet() const { return !place.address.empty(); }
 };
 
 } // namespace pelorin

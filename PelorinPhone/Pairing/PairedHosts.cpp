@@ -19,7 +19,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t maxFileBytes = 1 << 20;
-constexpr std::size_t keyBytes = 32;
+constexpr std::size_t keyBytes = 32, fingerprintBytes = 32;
 
 // Held from the reading of the file to its writing. Makes the directory.
 class DirectoryLock {
@@ -53,34 +53,75 @@ std::optional<std::uint16_t> portIn(const json& object)
     return port <= 0xFFFF ? std::optional(static_cast<std::uint16_t>(port)) : std::nullopt;
 }
 
-std::optional<PairedHost> hostIn(const json& object)
+bool readTailnet(PairedHost& host, const json& object)
 {
-    if (!object.is_object()) return std::nullopt;
-    const std::string* name = textIn(object, "name");
     const std::string* address = textIn(object, "address");
     const std::string* id = textIn(object, "deviceID");
     const std::string* secret = textIn(object, "key");
     const auto port = portIn(object);
-    if (!name || !address || !id || !secret || !port) return std::nullopt;
+    if (!address || address->empty() || !id || !secret || !port) return false;
     auto key = bytesFromBase64(*secret);
     if (!key || key->size() != keyBytes || !PelorinTLS::isIdentity(*id, PelorinTLS::devicePrefix))
-        return std::nullopt;
-    PairedHost host{asLabel(*name), {*address, {}, *port}, {*id, SecretBytes(std::move(*key))}};
+        return false;
+    host.place = {*address, {}, *port};
+    host.key = {*id, SecretBytes(std::move(*key))};
     if (const std::string* dnsName = textIn(object, "dnsName")) host.place.dnsName = *dnsName;
+    return true;
+}
+
+bool readRemote(PairedHost& host, const json& object)
+{
+    const std::string* id = textIn(object, "hostID");
+    const std::string* fingerprint = textIn(object, "fingerprint");
+    const std::string* service = textIn(object, "service");
+    if (!id || !fingerprint || !service) return false;
+    auto bytes = bytesFromBase64(*fingerprint);
+    if (!bytes || bytes->size() != fingerprintBytes) return false;
+    host.remote = {*id, std::move(*bytes), *service};
+    return true;
+}
+
+std::optional<PairedHost> hostIn(const json& object)
+{
+    if (!object.is_object()) return std::nullopt;
+    const std::string* name = textIn(object, "name");
+    if (!name) return std::nullopt;
+    PairedHost host{asLabel(*name), {}, {}};
+    const bool isRemote = object.contains("hostID"), isTailnet = object.contains("address") || !isRemote;
+    if (isTailnet && !readTailnet(host, object)) return std::nullopt;
+    if (isRemote && !readRemote(host, object)) return std::nullopt;
     return host;
 }
 
 json toJSON(const PairedHost& host)
 {
-    json object{{"name", host.name}, {"address", host.place.address}, {"port", host.place.port},
-        {"deviceID", host.key.identity}, {"key", base64EncodedString(host.key.secret.view())}};
-    if (host.place.dnsName) object["dnsName"] = *host.place.dnsName;
+    json object{{"name", host.name}};
+    if (host.hasTailnet()) {
+        object["address"] = host.place.address;
+        object["port"] = host.place.port;
+        object["deviceID"] = host.key.identity;
+        object["key"] = base64EncodedString(host.key.secret.view());
+        if (host.place.dnsName) object["dnsName"] = *host.place.dnsName;
+    }
+    if (host.remote) {
+        object["hostID"] = host.remote->hostID;
+        object["fingerprint"] = base64EncodedString(host.remote->fingerprint);
+        object["service"] = host.remote->service;
+    }
     return object;
 }
 
-bool isSameHost(const HostPlace& a, const HostPlace& b)
+bool isSameHost(const PairedHost& a, const PairedHost& b)
 {
-    return a.port == b.port && (a.address == b.address || (a.dnsName && a.dnsName == b.dnsName));
+    if (a.remote && b.remote && a.remote->hostID == b.remote->hostID) return true;
+    if (!a.hasTailnet() || !b.hasTailnet() || a.place.port != b.place.port) return false;
+    return a.place.address == b.place.address || (a.place.dnsName && a.place.dnsName == b.place.dnsName);
+}
+
+// What tells hosts of one name apart.
+const std::string& addressOf(const PairedHost& host)
+{
+    return host.hasTailnet() ? host.place.address : host.remote->hostID;
 }
 
 bool isSameName(const std::string& a, const std::string& b)
@@ -91,7 +132,8 @@ bool isSameName(const std::string& a, const std::string& b)
 
 bool isCalled(const PairedHost& host, const std::string& text)
 {
-    return isSameName(host.name, text) || host.place.address == text || host.place.dnsName == text;
+    return isSameName(host.name, text) || addressOf(host) == text || host.place.dnsName == text
+        || (host.remote && host.remote->hostID == text);
 }
 
 Result<std::size_t, std::string> indexOf(const std::vector<PairedHost>& hosts, const std::string& text)
@@ -104,7 +146,7 @@ Result<std::size_t, std::string> indexOf(const std::vector<PairedHost>& hosts, c
         return std::unexpected(
             "no paired host is called \"" + text + "\"; `pelorin-viewer --list` tells which there are");
     std::string addresses;
-    for (const std::size_t i : matches) addresses += (addresses.empty() ? "" : ", ") + hosts[i].place.address;
+    for (const std::size_t i : matches) addresses += (addresses.empty() ? "" : ", ") + addressOf(hosts[i]);
     return std::unexpected(fmt::format(
         "{} paired hosts are called \"{}\"; say which by its address: {}", matches.size(), text, addresses));
 }
@@ -143,7 +185,7 @@ Result<void, std::string> PairedHosts::add(const PairedHost& host) const
     if (!lock) return std::unexpected("cannot use " + directory.string());
     auto hosts = list();
     if (!hosts) return std::unexpected(hosts.error());
-    std::erase_if(*hosts, [&](const PairedHost& known) { return isSameHost(known.place, host.place); });
+    std::erase_if(*hosts, [&](const PairedHost& known) { return isSameHost(known, host); });
     hosts->push_back(host);
     return write(*hosts);
 }

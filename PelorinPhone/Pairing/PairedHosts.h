@@ -19,7 +19,7 @@ public:
     explicit PairedHosts(std::filesystem::path newDirectory) : directory(std::move(newDirectory)) {}
 
     Result<std::vector<PairedHost>, std::string> list() const;
-    // text: a host's name in any case, or its address or DNS name. Nobody and several are errors.
+    // text: a host's name in any case, or its address, DNS name or host id. Nobody and several are errors.
     Result<PairedHost, std::string> find(const std::string& text) const;
     Result<void, std::string> add(const PairedHost& host) const; // instead of an older pairing with it
     Result<PairedHost, std::string> forget(const std::string& text) const; // which it was

@@ -49,6 +49,26 @@ TEST_F(PairedHostsTest, keepsHostsForTheirOwnerAlone)
     EXPECT_THAT(hosts.list().value(), ElementsAre(office));
 }
 
+TEST_F(PairedHostsTest, keepsTheWaysToAHost)
+{
+    const RemotePlace place{"abcdefghijklmnopqrstuvwx27", Bytes(32, 7), "https://rendezvous.example.org"};
+    const PairedHost far{"Far", {}, {}, place};
+    PairedHost both = studio;
+    both.remote = RemotePlace{"bbcdefghijklmnopqrstuvwx27", Bytes(32, 8), place.service};
+    for (const PairedHost& host : {far, both}) ASSERT_TRUE(hosts.add(host));
+    EXPECT_THAT(hosts.list().value(), ElementsAre(far, both));
+    EXPECT_EQ(hosts.find(place.hostID).value(), far);
+    EXPECT_EQ(hosts.find(both.remote->hostID).value(), both);
+
+    PairedHost again = far;
+    again.name = "Renamed";
+    ASSERT_TRUE(hosts.add(again));
+    EXPECT_THAT(hosts.list().value(), ElementsAre(both, again));
+    lab::write(directory / PairedHosts::fileName,
+        R"([{"name":"x","hostID":"a","service":"b","fingerprint":"AAEC"}])");
+    EXPECT_FALSE(hosts.list());
+}
+
 TEST_F(PairedHostsTest, findsAHostByWhatPeopleCallIt)
 {
     const PairedHost second = hostNumber(3, "STUDIO", "100.64.0.3");

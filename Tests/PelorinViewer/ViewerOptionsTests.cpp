@@ -33,12 +33,16 @@ TEST(ViewerOptions, tellAddressesLinksAndNamesApart)
 {
     const PairingLink link{
         "Studio", "100.64.0.1", {}, 7420, "pair-0123456789abcdef", SecretBytes(Bytes(32, 1))};
+    const RemotePairingLink remote{"Studio", "abcdefghijklmnopqrstuvwx27", Bytes(32, 2),
+        "https://rendezvous.example.org", SecretBytes(Bytes(32, 3))};
     const struct {
         std::string text;
         std::optional<ViewerTarget> expected;
     } rows[] = {
         {"10.0.0.5:7420", HostAddress{"10.0.0.5", 7420}},
-        {link.url(), link},
+        {link.url(), PairingOffer{link, {}}},
+        {remote.url(), PairingOffer{{}, remote}},
+        {PairingOffer{link, remote}.url(), PairingOffer{link, remote}},
         {link.url().substr(0, 60), std::nullopt},
         {"pelorin://other", std::nullopt},
         {"王的 Studio", PairedHostName{"王的 Studio"}},
