@@ -25,11 +25,13 @@ constexpr const char* neverBack = R"(
 constexpr const char* translate = R"(
     chain outward {{ type nat hook postrouting priority 100;
         oifname "wan" ip protocol udp snat ip to udp sport map {{ {} }}
+        oifname "wan" ip protocol tcp snat to {}
     }})";
 
 constexpr const char* translateAnew = R"(
     chain outward {{ type nat hook postrouting priority 100;
-        oifname "wan" ip protocol udp snat to {}:{}-{} fully-random
+        oifname "wan" ip protocol udp snat to {0}:{1}-{2} fully-random
+        oifname "wan" ip protocol tcp snat to {0}
     }})";
 
 // Which outer ports are in use, and whom they have sent to.
@@ -102,7 +104,7 @@ std::string NatRules::text() const
         outerOf += fmt::format("{} : {} . {}, ", inner, outerAddress, outer);
         innerOf += fmt::format("{} : {} . {}, ", outer, addressOf(i / portsOfMachine), inner);
     }
-    const auto outward = fmt::format(fmt::runtime(translate), outerOf);
+    const auto outward = fmt::format(fmt::runtime(translate), outerOf, outerAddress);
     const auto inward = [&](const char* condition) {
         return learn + fmt::format(fmt::runtime(letIn), outerAddress, condition, innerOf);
     };
