@@ -128,6 +128,7 @@ void Connection::close(CloseCode code, std::string_view reason)
 {
     if (stage != Stage::messages) return;
     write(WebSocket::closeFrame(code, reason));
+    if (isDeaf) return end(); // their goodbye could not be heard
     stage = Stage::farewell;
 }
 

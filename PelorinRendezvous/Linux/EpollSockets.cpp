@@ -301,8 +301,14 @@ void EpollSockets::endOverdue()
 {
     const SteadyTime now = queue->now();
     while (!farewells.empty() && farewells.front().end <= now) {
-        cutOff(farewells.front().connection);
+        const ConnectionID id = farewells.front().connection;
         farewells.pop_front();
+        const Socket* const socket = find(id);
+        if (!socket) continue;
+        if (socket->connection.unsent().empty())
+            drop(id);
+        else
+            cutOff(id);
     }
     flushAll();
 }

@@ -9,10 +9,6 @@
 #include <unistd.h>
 
 namespace pelorin::lab {
-std::string programPath(const char* name)
-{
-    return std::string(PELORIN_BIN_DIR) + "/" + name;
-}
 
 std::uint16_t freePort()
 {

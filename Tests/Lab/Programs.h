@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Tests/Lab/BuildFolder.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Lab/Tailnet.h"
 #include "Tests/Lab/XServer.h"
@@ -8,8 +9,6 @@
 #include <map>
 
 namespace pelorin::lab {
-
-std::string programPath(const char* name); // of a program of this build
 
 std::uint16_t freePort(); // on 127.0.0.1, free a moment ago
 

@@ -1,7 +1,7 @@
 #include "Tests/Lab/RendezvousService.h"
 
 #include "PelorinCore/Result.h"
-#include "Tests/Lab/Programs.h"
+#include "Tests/Lab/BuildFolder.h"
 #include "Tests/Lab/TurnServer.h"
 #include "Tests/Lab/Wait.h"
 
@@ -9,20 +9,26 @@
 
 namespace pelorin::lab {
 
-RendezvousService::RendezvousService(const Options& options) : host(options.host)
+RendezvousService::RendezvousService(const Options& options)
+    : host(options.host),
+      hasTLS(!options.certificate.empty())
 {
     std::vector<std::string> command = options.prefix;
     // Goes when its parent does, even when that is killed.
     command.insert(command.end(),
-        {"setpriv", "--pdeathsig", "KILL", programPath("pelorin-rendezvous"), "--insecure", "--log-level",
-            "debug", "--listen", fmt::format("{}:{}", host, options.port)});
+        {"setpriv", "--pdeathsig", "KILL", programPath("pelorin-rendezvous"), "--log-level", "debug",
+            "--listen", fmt::format("{}:{}", host, options.port)});
+    if (hasTLS)
+        command.insert(command.end(), {"--tls-cert", options.certificate, "--tls-key", options.key});
+    else
+        command.push_back("--insecure");
     for (const std::string& relay : options.relays) command.insert(command.end(), {"--turn", relay});
     if (!options.relays.empty())
         command.insert(command.end(), {"--turn-secret", std::string(TurnServer::secret)});
     command.insert(command.end(), options.more.begin(), options.more.end());
     running = Process::start(std::move(command), {}, (folder.path() / "rendezvous.log").string());
 
-    const std::string start = fmt::format("Listening on ws://{}:", host);
+    const std::string start = fmt::format("Listening on {}://{}:", hasTLS ? "wss" : "ws", host);
     const auto said = [&] { return log().find(start) != std::string::npos; };
     eventually([&] { return said() || !running->isRunning(); });
     require(said(), ("the rendezvous service does not start:\n" + log()).c_str());
@@ -32,7 +38,7 @@ RendezvousService::RendezvousService(const Options& options) : host(options.host
 
 std::string RendezvousService::url() const
 {
-    return fmt::format("http://{}:{}", host, listenPort);
+    return fmt::format("{}://{}:{}", hasTLS ? "https" : "http", host, listenPort);
 }
 
 } // namespace pelorin::lab

@@ -7,13 +7,15 @@
 
 namespace pelorin::lab {
 
-// The real rendezvous service, without TLS, on one address.
+// The real rendezvous service on one address.
 class RendezvousService {
 public:
     struct Options {
         std::string host = "127.0.0.1";
         std::uint16_t port = 0; // 0: a free one
         std::vector<std::string> relays = {}; // "turn:192.0.2.7:3478", of a TurnServer with its shared secret
+        std::string certificate = {}; // PEM files; none: without TLS
+        std::string key = {};
         std::vector<std::string> more = {}; // further options of pelorin-rendezvous
         std::vector<std::string> prefix = {}; // what runs it, such as nsenter with its arguments
     };
@@ -29,6 +31,7 @@ public:
 private:
     TemporaryFolder folder;
     std::string host;
+    bool hasTLS = false;
     std::uint16_t listenPort = 0;
     std::unique_ptr<Process> running;
 };

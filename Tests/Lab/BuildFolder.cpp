@@ -1,0 +1,10 @@
+#include "Tests/Lab/BuildFolder.h"
+
+namespace pelorin::lab {
+
+std::string programPath(const char* name)
+{
+    return std::string(PELORIN_BIN_DIR) + "/" + name;
+}
+
+} // namespace pelorin::lab
