@@ -40,8 +40,8 @@ public:
     std::function<void(ViewerResult)> onFinished; // once; may destroy us
 
     // For so long as patience, a host that does not let us in yet, or can't be reached, is tried again: one
-    // that has just paired us takes a few seconds to listen with our key. For so long as resumption, a session
-    // that was lost is begun anew.
+    // that has just paired us takes a few seconds to listen with our key. For so long as resumption, a
+    // session that was lost is begun anew.
     void start(Connect connect, Duration patience = {}, Duration resumption = {});
     // For a connect that goes through a rendezvous service.
     RemoteReports remoteReports();

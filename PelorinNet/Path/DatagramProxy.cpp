@@ -95,7 +95,7 @@ void DatagramProxy::deliver(ByteView datagram, const Path& from)
     count.lastReceived = queue->now();
     localSocket->enqueue({}, datagram, {}, *quicEndpoint);
     const auto former = std::exchange(lastArrival, from);
-    if (former && *former != from) callOut(onArrivalPathChange, lifetime.watch(), from);
+    if (former != from) callOut(onArrivalPathChange, lifetime.watch(), from);
 }
 
 void DatagramProxy::add(TurnClient& turn)

@@ -44,7 +44,8 @@ public:
     std::function<void(ByteView, const Path&)> onRelayedStun;
     std::function<void(const SocketAddress& peer)> onUnreachable; // from the network socket
 
-    // QUIC's datagrams come over another path than the last one did: the peer has changed its choice.
+    // QUIC's datagrams come over another path than the last one did, or for the first time: the peer has
+    // chosen.
     std::function<void(const Path&)> onArrivalPathChange;
 
     std::optional<Path> path; // none: what QUIC sends is dropped

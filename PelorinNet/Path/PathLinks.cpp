@@ -159,7 +159,9 @@ void PathLinks::arrivalPathChanged(const DatagramProxy::Path& over)
 {
     queue->assertCurrent();
     peerChoice = over;
-    if (!proxy.path || *proxy.path == over) return;
+    if (!proxy.path)
+        return choose(); // its first words would stay without an answer until we have chosen, too
+    if (*proxy.path == over) return;
     // The peer left our path for another: perhaps it noticed first that ours is dead.
     find(*proxy.path)->suspect(queue->now());
 }
@@ -250,6 +252,8 @@ const PathLink* PathLinks::bestChoice(SteadyTime now) const
 {
     const PathLink* current = chosen();
     if (!current) {
+        if (const PathLink* theirs = peerChoice ? find(*peerChoice) : nullptr; theirs && theirs->isStanding())
+            return theirs;
         const PathLink* first = best();
         const bool isTooEarly = first && first->kind() != PathLink::Kind::direct && now < relayFrom;
         return isTooEarly ? nullptr : first;

@@ -103,7 +103,8 @@ TEST_F(Pairing, showsTheDesktopFromTheLinkOnAndByNameLater)
     const auto first = show(link);
     EXPECT_EQ(first.exit, 0) << first.output << lab::contentOf(hostLog);
     EXPECT_THAT(first.output, HasSubstr("Paired with " + parsed->hostName));
-    EXPECT_EQ(status()["pairing"], (json{{"required", true}, {"pending", nullptr}, {"devices", 1}, {"reviewCode", false}}));
+    EXPECT_EQ(status()["pairing"],
+        (json{{"required", true}, {"pending", nullptr}, {"devices", 1}, {"reviewCode", false}}));
     const auto byName = show(parsed->hostName);
     EXPECT_EQ(byName.exit, 0) << byName.output;
     ASSERT_THAT(devices(), SizeIs(1));

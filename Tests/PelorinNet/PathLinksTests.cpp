@@ -139,6 +139,18 @@ TEST_F(PathLinksTest, takesADirectWayAtOnceAndARelayedOneOnlyAfterAWhile)
     EXPECT_LE(longestSilence(1s), 20ms);
 }
 
+TEST_F(PathLinksTest, goesAlongWithAPeerThatHasChosenARelayedOne)
+{
+    ends[0].links.start(ends[0].remote, queues.now() + 400ms);
+    ends[1].links.start(ends[1].remote, queues.now());
+    join(relay, Kind::twoRelays, "relay");
+    queues.advance(20ms);
+    EXPECT_THAT(takeStory(1), ElementsAre("relay"));
+    EXPECT_FALSE(ends[0].links.chosen());
+    EXPECT_LE(longestSilence(100ms), 20ms); // what it says is answered at once
+    EXPECT_THAT(takeStory(0), ElementsAre("relay"));
+}
+
 TEST_F(PathLinksTest, leavesAPathThatDiesUnderTrafficWithinASecond)
 {
     const struct {

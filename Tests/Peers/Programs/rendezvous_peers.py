@@ -237,8 +237,11 @@ async def the_many():
     held = [await dial() for _ in range(64)]
     for _, writer in held:
         writer.write(b"G")
-    reader, _ = await dial()
-    expect(await asyncio.wait_for(reader.read(), patience) == b"", "the 65th was let in")
+    try:
+        reader, _ = await dial()
+        expect(await asyncio.wait_for(reader.read(), patience) == b"", "the 65th was let in")
+    except ConnectionError:  # before its TLS had begun
+        pass
     held[0][1].close()
     deadline = time.monotonic() + patience
     while True:
