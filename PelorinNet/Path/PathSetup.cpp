@@ -286,7 +286,7 @@ void PathSetup::startRelay(const PathServers::Server& server, std::string candid
     relay.onServerKnown = [this](const std::vector<SocketAddress>& addresses) {
         for (const SocketAddress& address : addresses) filter.avoid(address);
     };
-    relay.onAllocated = [this, &relay](const Candidate& candidate) {
+    relay.onAllocated = [this](const Candidate& candidate) {
         filter.avoid(candidate.address);
         for (const Candidate& remote : remoteCandidates) reachThroughRelays(remote);
         announce(candidate);
