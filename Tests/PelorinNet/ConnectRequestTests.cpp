@@ -100,7 +100,7 @@ TEST_F(ConnectRequestTest, isTimelyForTwoMinutesEitherWay)
     const auto request = ConnectRequest::parse(written.json());
     const WallTime then(1'900'000'000s);
     for (const auto& [off, isTimely] : {std::pair{0s, true}, {120s, true}, {121s, false}, {-120s, true},
-             {-121s, false}, {-10'000'000'000s, false}})
+             {-121s, false}, {-1'900'000'000s, false}})
         EXPECT_EQ(request->isTimely(then + off), isTimely) << off.count();
     EXPECT_TRUE(request->isTimely(then + 120'900ms)) << "seconds are whole ones";
     for (const std::int64_t extreme : {INT64_MIN, INT64_MAX}) {
