@@ -33,7 +33,7 @@ public:
         command.insert(command.end(), certificate.begin(), certificate.end());
         process = lab::Process::start(command, {}, folder.path() / "log", ends[0]);
         ::close(ends[0]);
-        require(has("port "), ("the WebSocket peer starts:\n" + log()).c_str());
+        require(has("\n"), ("the WebSocket peer starts:\n" + log()).c_str());
         port = std::stoi(log().substr(5));
     }
     ~Peer() { ::close(input); }

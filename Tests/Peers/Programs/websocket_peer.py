@@ -13,7 +13,9 @@ latest = None
 
 
 def tell(*words):
-    print(*words, flush=True)
+    # One write a line, also where Python does not buffer.
+    sys.stdout.write(" ".join(map(str, words)) + "\n")
+    sys.stdout.flush()
 
 
 async def serve(socket, path):
