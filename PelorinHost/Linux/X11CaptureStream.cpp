@@ -31,7 +31,10 @@ Result<std::unique_ptr<CaptureStream>, PlatformError> X11CaptureStream::open(con
     if (!grabber) return std::unexpected(grabber.error());
     stream->grabber = std::move(*grabber);
     auto display = stream->findDisplay(displayID);
-    if (!display) return std::unexpected(PlatformError{fmt::format("there is no display {}", displayID)});
+    if (!display) {
+        if (stream->connection.isBroken()) return std::unexpected(stream->silence());
+        return nullptr;
+    }
     stream->display = std::move(*display);
     stream->configure(configuration);
     return stream;

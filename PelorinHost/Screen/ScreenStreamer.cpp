@@ -66,7 +66,7 @@ struct ScreenStreamer::Run : std::enable_shared_from_this<Run> {
 
     void forwardEncoder();
     void lookUp(int attempt);
-    void begin(const ShareableDisplay& found);
+    bool begin(const ShareableDisplay& found);
     void wireStream();
     CaptureConfiguration configurationNow() const;
     void applyConfiguration();
@@ -189,7 +189,7 @@ void ScreenStreamer::Run::lookUp(int attempt)
 {
     const auto displays = capture.shareableDisplays();
     const auto found = std::ranges::find(displays, settings.displayID, &ShareableDisplay::id);
-    if (found != displays.end()) return begin(*found);
+    if (found != displays.end() && begin(*found)) return;
 
     if (attempt == mostLookups)
         return finishStart(std::unexpected(
@@ -200,23 +200,27 @@ void ScreenStreamer::Run::lookUp(int attempt)
     });
 }
 
-void ScreenStreamer::Run::begin(const ShareableDisplay& found)
+// False when the display went away since it was listed.
+bool ScreenStreamer::Run::begin(const ShareableDisplay& found)
 {
     display = found;
     const auto configuration = configurationNow();
     auto made = capture.makeStream(settings.displayID, configuration, queue);
+    if (made && !*made) return false;
     if (made) {
         stream = std::move(*made);
         wireStream();
     }
     const auto started = made ? stream->start() : std::unexpected(made.error());
-    if (!started) {
+    if (started) {
+        reportDisplay(configuration);
+        finishStart({});
+    } else {
         stream.reset();
-        return finishStart(std::unexpected(
+        finishStart(std::unexpected(
             ScreenStreamerError{ScreenStreamerError::Kind::platform, started.error().description}));
     }
-    reportDisplay(configuration);
-    finishStart({});
+    return true;
 }
 
 void ScreenStreamer::Run::wireStream()

@@ -171,7 +171,7 @@ TEST(PhoneDisplay, leavesNothingBehindHoweverItEnds)
             [&] {
                 peers::RawPhone other(host.port());
                 other.sayHello();
-                EXPECT_TRUE(other.wait<message::VideoFrame>());
+                EXPECT_TRUE(other.wait<message::VideoFrame>()) << host.log();
             }},
         {"the phone's death", [&] { phone->vanish(); }},
         {"silence", [] {}},

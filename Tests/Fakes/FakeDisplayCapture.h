@@ -18,6 +18,7 @@ public:
         .bounds = {0, 0, 1920, 1080},
         .isMain = true}};
     int displaysFromLookup = 1; // the first lookup that lists them
+    bool isDisplayGoneOnceListed = false; // for future streams
     // What refuses from now on, for both kinds of streams: running and future.
     std::optional<PlatformError> makeFailure;
     std::optional<PlatformError> startFailure;
@@ -155,6 +156,7 @@ inline Result<std::unique_ptr<CaptureStream>, PlatformError> FakeDisplayCapture:
     captureQueue->assertCurrent();
     ++streamsMade;
     if (makeFailure) return std::unexpected(*makeFailure);
+    if (isDisplayGoneOnceListed) return nullptr;
     auto made = std::make_unique<FakeCaptureStream>(*this, displayID, configuration, std::move(captureQueue));
     stream = made.get();
     return made;

@@ -156,6 +156,19 @@ TEST_F(ScreenStreamerTest, looksForItsOwnDisplayAmongOthers)
     EXPECT_EQ(capture.stream->displayID, 8U);
 }
 
+TEST_F(ScreenStreamerTest, looksAgainForADisplayThatWentOnceListed)
+{
+    capture.isDisplayGoneOnceListed = true;
+    beginStart();
+    queues.advance(200ms);
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(infos.empty());
+    capture.isDisplayGoneOnceListed = false;
+    queues.advance(200ms);
+    EXPECT_TRUE(started && *started);
+    EXPECT_EQ(capture.streamsMade, 3);
+}
+
 TEST_F(ScreenStreamerTest, passesThePlatformsRefusalOn)
 {
     for (auto* failure : {&capture.makeFailure, &capture.startFailure}) {
