@@ -10,7 +10,8 @@ namespace pelorin {
 enum class LogLevel { debug, info, warning, error };
 
 // The diagnostic log, in English. A Log is a category ("session", "capture", "encoder") of the one subsystem
-// "dev.pelorin.host"; where lines go is decided once per process, standard error by default. Any thread.
+// "dev.pelorin.host"; lines go to standard error, with date and level, or as systemd's journal reads them
+// when that is what standard error is connected to. Any thread.
 class Log {
 public:
     explicit Log(std::string_view categoryName) : category(categoryName) {}

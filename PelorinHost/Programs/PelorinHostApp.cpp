@@ -1,5 +1,6 @@
 #include "PelorinHost/HostController.h"
 #include "PelorinHost/Linux/LinuxPlatform.h"
+#include "PelorinHost/Linux/ServiceManager.h"
 #include "PelorinHost/Shell/ControlClient.h"
 #include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
@@ -136,8 +137,10 @@ sigset_t takeSignals()
 void waitForEnd(const sigset_t& signals, Confined<HostController>& controller)
 {
     int signal = 0;
-    while (sigwait(&signals, &signal) != 0 || signal != quitDone)
+    while (sigwait(&signals, &signal) != 0 || signal != quitDone) {
+        ServiceManager::tellStopping();
         controller.run([](HostController& running) { running.quit(); });
+    }
 }
 
 int run(QueuePool& pool, const SessionSurroundings& surroundings, HostController::Places places,
@@ -156,7 +159,7 @@ int run(QueuePool& pool, const SessionSurroundings& surroundings, HostController
     controller.run([&exitCode, wakeMain](HostController& starting) {
         starting.onQuit = wakeMain;
         const auto started = starting.start();
-        if (started) return;
+        if (started) return ServiceManager::tellReady();
         std::fprintf(stderr, "pelorin-host: %s\n", started.error().c_str());
         exitCode = 1;
         wakeMain();

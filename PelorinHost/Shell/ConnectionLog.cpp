@@ -29,12 +29,24 @@ ConnectionLog::ConnectionLog(const std::filesystem::path& directory) : file(dire
 void ConnectionLog::append(const std::string& line, WallTime when)
 {
     const std::string text = dated(line, when);
+    makeRoomFor(text);
     // Opened for each of the few lines, so that the file may be moved away at any time.
     const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     const bool isWritten
         = fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     if (!isWritten) log.error("cannot write {}: {}", file.string(), std::strerror(errno));
     if (fd >= 0) ::close(fd);
+}
+
+void ConnectionLog::makeRoomFor(const std::string& text)
+{
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    if (error || size + text.size() <= mostBytes) return;
+    auto former = file;
+    former += ".1";
+    std::filesystem::rename(file, former, error);
+    if (error) log.error("cannot rename {}: {}", file.string(), error.message());
 }
 
 } // namespace pelorin

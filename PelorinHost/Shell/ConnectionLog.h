@@ -7,16 +7,21 @@
 
 namespace pelorin {
 
-// Who connected, when and how it ended: one dated line each, for the user to read. Queue: the controller's,
-// which owns it.
+// Who connected, when and how it ended: one dated line each, for the user to read, in connections.log. Once
+// that is full it becomes connections.log.1, in place of the one before, so that both together are bounded.
+// Queue: the controller's, which owns it.
 class ConnectionLog {
 public:
+    static constexpr std::uintmax_t mostBytes = 1 << 20; // some ten thousand lines
+
     explicit ConnectionLog(const std::filesystem::path& directory); // made when it is missing
 
     // A failure to write is logged, and the line lost.
     void append(const std::string& line, WallTime when);
 
 private:
+    void makeRoomFor(const std::string& text);
+
     Log log{"controller"};
     std::filesystem::path file;
 };

@@ -2,8 +2,13 @@
 #include "Tests/Lab/Wait.h"
 #include "Tests/Peers/RawPhone.h"
 
+#include <array>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 // The host as a program: its files, its port, its control socket, its end.
 namespace pelorin {
@@ -44,6 +49,54 @@ TEST(HostProgram, endsInOrderOnSIGTERMAndTellsThePhone)
     EXPECT_EQ(phone.wait<message::Error>().value_or(message::Error{}).message, "已在 Mac 上断开")
         << host.log();
     EXPECT_EQ(host.process().waitForExit(10'000), 0);
+}
+
+// What systemd is at the other end of NOTIFY_SOCKET.
+class Manager {
+public:
+    explicit Manager(const std::filesystem::path& socket)
+        : fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        const timeval patience{20, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    }
+    ~Manager() { ::close(fd); }
+    Manager(const Manager&) = delete;
+    Manager& operator=(const Manager&) = delete;
+
+    std::string next()
+    {
+        std::array<char, 256> text{};
+        const auto size = ::recv(fd, text.data(), text.size(), 0);
+        return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+    }
+
+private:
+    int fd;
+};
+
+TEST(HostProgram, tellsSystemdHowFarItIsAndWritesForItsJournal)
+{
+    lab::XServer server;
+    const lab::TemporaryFolder folder;
+    const auto journal = (folder.path() / "journal").string();
+    lab::write(journal, "");
+    struct stat status = {};
+    ASSERT_EQ(::stat(journal.c_str(), &status), 0);
+    Manager manager(folder.path() / "notify");
+    const auto host = lab::Process::start({lab::programPath("pelorin-host"), "--support-dir",
+                                              folder.path().string(), "--log-dir", folder.path().string()},
+        {"DISPLAY=" + server.display(), "NOTIFY_SOCKET=" + (folder.path() / "notify").string(),
+            "JOURNAL_STREAM=" + std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)},
+        journal);
+    EXPECT_EQ(manager.next(), "READY=1");
+    host->signal(SIGTERM);
+    EXPECT_EQ(manager.next(), "STOPPING=1");
+    EXPECT_EQ(host->waitForExit(10'000), 0);
+    EXPECT_EQ(lab::contentOf(journal).rfind("<6>[controller] ", 0), 0U) << lab::contentOf(journal);
 }
 
 TEST(HostProgram, replacesABrokenSettingsFileAndThenOnlyWaits)

@@ -232,6 +232,25 @@ TEST_F(ControllerTest, writesTheConnectionLogForItsOwnerAlone)
     EXPECT_THAT(lab::contentOf(file), HasSubstr(" rejected evil session started: me\n"));
 }
 
+TEST_F(ControllerTest, keepsTheConnectionLogBoundedAndLosesNothingOnTheWay)
+{
+    ConnectionLog log(places.logDirectory);
+    const auto file = places.logDirectory / "connections.log";
+    const auto former = places.logDirectory / "connections.log.1";
+    const std::string filler(100'000, 'x');
+    int line = 0;
+    const auto append = [&] { log.append(fmt::format("line {} {}", line++, filler), WallTime()); };
+    for (int turns = 0; turns < 2; ++turns) {
+        const auto before = std::filesystem::exists(former) ? lab::contentOf(former) : std::string();
+        while (!std::filesystem::exists(former) || lab::contentOf(former) == before) append();
+        const auto all = lab::contentOf(former) + lab::contentOf(file);
+        for (int last = line - 10; last < line; ++last)
+            EXPECT_THAT(all, HasSubstr(fmt::format(" line {} ", last)));
+    }
+    EXPECT_LE(std::filesystem::file_size(former), ConnectionLog::mostBytes);
+    EXPECT_LE(std::filesystem::file_size(file), ConnectionLog::mostBytes);
+}
+
 TEST_F(ControllerTest, bearsHostileRequests)
 {
     begin();
