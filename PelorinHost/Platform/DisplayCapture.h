@@ -65,8 +65,8 @@ public:
     // The displays now, the main one first; empty when there are none or the display server is gone. Any
     // queue.
     virtual std::vector<ShareableDisplay> shareableDisplays() = 0;
-    // A stream that is not started yet, whose queue is captureQueue; called on it. Null without such a display,
-    // which may go at any moment, also since it was listed.
+    // A stream that is not started yet, whose queue is captureQueue; called on it. Null without such a
+    // display, which may go at any moment, also since it was listed.
     virtual Result<std::unique_ptr<CaptureStream>, PlatformError> makeStream(
         std::uint32_t displayID, const CaptureConfiguration& configuration, QueueRef captureQueue)
         = 0;
