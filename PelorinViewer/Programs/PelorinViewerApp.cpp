@@ -96,6 +96,7 @@ int main(int count, char** arguments)
         ->check(storing(options.probe, &parseRect, "a rectangle such as 10,10,64,64"));
     bool isVerbose = false;
     app.add_flag("--verbose", isVerbose, "Log what goes on");
+    app.set_version_flag("--version", "pelorin-viewer " PELORIN_VERSION);
 
     try {
         app.parse(count, arguments);
