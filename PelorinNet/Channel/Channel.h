@@ -38,6 +38,7 @@ public:
     // before that and on a channel that proves nothing.
     virtual std::string peerIdentity() const { return {}; }
     virtual bool hasFailedHandshake() const { return false; } // known when onClosed arrives
+    virtual const Channel& carrier() const { return *this; } // of one that only describes another: that one
 };
 
 } // namespace pelorin

@@ -28,6 +28,7 @@ public:
     std::string remoteAddress() const override { return inner->remoteAddress(); }
     std::string pathDescription() const override { return label->get(); }
     std::string peerIdentity() const override { return identity; }
+    const Channel& carrier() const override { return inner->carrier(); }
     bool hasFailedHandshake() const override { return inner->hasFailedHandshake(); }
 
 private:

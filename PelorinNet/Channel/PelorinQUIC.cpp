@@ -50,7 +50,7 @@ std::shared_ptr<const PelorinQUIC::Parameters> PelorinQUIC::parameters(
 
 std::optional<Bytes> PelorinQUIC::peerFingerprint(const Channel& channel)
 {
-    const auto* const quic = dynamic_cast<const QuicChannel*>(&channel);
+    const auto* const quic = dynamic_cast<const QuicChannel*>(&channel.carrier());
     return quic ? quic->peerFingerprint() : std::nullopt;
 }
 

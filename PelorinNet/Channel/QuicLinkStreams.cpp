@@ -185,6 +185,8 @@ void QuicLink::streamClosed(std::int64_t id)
     stream->finishDeadline = {};
     report(stream);
     streams.erase(found);
+    // Nobody will read what the peer has given up itself: it must not fill our window, nor our memory.
+    if (std::erase(unclaimed, stream) > 0) credit(*stream, stream->uncredited);
     if (!ngtcp2_conn_is_local_stream(connection.get(), id))
         ngtcp2_conn_extend_max_streams_bidi(connection.get(), 1);
     keepAliveWhileNeeded();

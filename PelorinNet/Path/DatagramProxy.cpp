@@ -42,7 +42,7 @@ DatagramProxy::DatagramProxy(
 
 DatagramProxy::~DatagramProxy()
 {
-    while (!served.empty()) remove(*served.back().turn);
+    while (!turns.empty()) remove(*turns.back().turn);
 }
 
 void DatagramProxy::fromLocal(ByteView datagram, const SocketAddress& source)
@@ -69,7 +69,7 @@ void DatagramProxy::fromLocal(ByteView datagram, const SocketAddress& source)
 void DatagramProxy::flushOutward()
 {
     networkSocket->flush();
-    for (const Served& each : served) each.turn->flush();
+    for (const Served& each : turns) each.turn->flush();
 }
 
 void DatagramProxy::fromNetwork(ByteView datagram, const SocketAddress& source)
@@ -102,7 +102,7 @@ void DatagramProxy::add(TurnClient& turn)
 {
     queue->assertCurrent();
     if (find(turn)) return;
-    served.push_back({&turn, {}});
+    turns.push_back({&turn, {}});
     turn.onChannelData
         = [this, &turn](std::uint16_t channel, ByteView payload) { fromRelay(turn, channel, payload); };
     turn.onBatchEnd = [this] { localSocket->flush(); };
@@ -123,7 +123,7 @@ void DatagramProxy::remove(TurnClient& turn)
     // Set rather than cleared: it may be one of these that calls us, and an empty one would be put back.
     turn.onChannelData = [](std::uint16_t, ByteView) {};
     turn.onBatchEnd = [] {};
-    std::erase_if(served, [&](const Served& each) { return each.turn == &turn; });
+    std::erase_if(turns, [&](const Served& each) { return each.turn == &turn; });
     if (path && path->turn == &turn) path.reset();
     if (blockedTurn == &turn) blockedTurn = nullptr;
     if (lastArrival && lastArrival->turn == &turn) lastArrival = Path{}; // from nowhere: the next is another
@@ -153,8 +153,8 @@ std::string DatagramProxy::statistics() const
 
 DatagramProxy::Served* DatagramProxy::find(const TurnClient& turn)
 {
-    const auto found = std::ranges::find(served, &turn, &Served::turn);
-    return found == served.end() ? nullptr : &*found;
+    const auto found = std::ranges::find(turns, &turn, &Served::turn);
+    return found == turns.end() ? nullptr : &*found;
 }
 
 } // namespace pelorin

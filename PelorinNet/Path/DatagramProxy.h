@@ -85,7 +85,7 @@ private:
     const QueueRef queue;
     std::unique_ptr<UDPSocket> networkSocket;
     std::unique_ptr<UDPSocket> localSocket;
-    std::vector<Served> served;
+    std::vector<Served> turns;
     Counters count;
     std::optional<Path> lastArrival; // of what QUIC got
     Lifetime lifetime;

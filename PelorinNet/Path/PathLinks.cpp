@@ -1,5 +1,7 @@
 #include "PelorinNet/Path/PathLinks.h"
 
+#include "PelorinNet/Channel/CallOut.h"
+
 #include <algorithm>
 #include <tuple>
 
@@ -85,7 +87,7 @@ void PathLinks::stands(const DatagramProxy::Path& way, bool wasStanding)
     const auto alive = lifetime.watch();
     choose();
     // QUIC waits longer after each packet that is lost, and would notice seconds later.
-    if (alive && isBack && proxy.path == way && onChosen) onChosen(PathLink(*find(way)));
+    if (alive && isBack && proxy.path == way) callOut(onChosen, alive, PathLink(*find(way)));
 }
 
 void PathLinks::removeRelay(const TurnClient& turn)
@@ -190,6 +192,7 @@ void PathLinks::tick()
     expireChecks(now);
     if (!alive) return;
     suspectSilence(now);
+    if (!alive) return;
     for (PathLink& link : links)
         if (link.isCheckDue(now, proxy.path == link.way())) check(link, now);
     choose();
@@ -212,7 +215,7 @@ void PathLinks::fell(const PathLink& link)
 {
     const auto alive = lifetime.watch();
     choose();
-    if (alive && onFell) onFell(link);
+    if (alive) callOut(onFell, alive, link);
 }
 
 // Checks come every two seconds, too seldom for who is watching a picture. But when something was sent and
@@ -229,7 +232,7 @@ void PathLinks::suspectSilence(SteadyTime now)
     // Whatever took it away may have taken others, and there is no time to find that out one by one.
     for (PathLink& each : links)
         if (each.isStanding()) each.suspect(now);
-    if (onSilence) onSilence();
+    callOut(onSilence, lifetime.watch());
 }
 
 void PathLinks::check(PathLink& link, SteadyTime now)
@@ -284,7 +287,7 @@ void PathLinks::choose()
     chosenAt = queue->now();
     // What it knows of this way may be five seconds old.
     find(choice->way())->suspect(queue->now());
-    if (onChosen) onChosen(PathLink(*choice));
+    callOut(onChosen, lifetime.watch(), PathLink(*choice));
 }
 
 PathLink* PathLinks::find(const DatagramProxy::Path& way)

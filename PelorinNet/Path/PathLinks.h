@@ -13,8 +13,8 @@ class PathLinks {
 public:
     PathLinks(DatagramProxy& newProxy, QueueRef newQueue, PathCredentials newLocal);
 
-    // The first choice, every change of it, and that the chosen one is back after it fell with no other to
-    // take its place. May destroy us.
+    // Each may destroy us. The first choice, every change of it, and that the chosen one is back after it
+    // fell with no other to take its place.
     std::function<void(const PathLink& chosen)> onChosen;
     std::function<void(const PathLink& fallen)>
         onFell; // stood, and does no more; chosen or not; another has been chosen by then

@@ -19,7 +19,7 @@ struct PathServers {
     using Lookup
         = std::function<void(const Server&, QueueRef, std::function<void(std::vector<SocketAddress>)> done)>;
 
-    std::vector<Server> stun; // the first answers "how do you see me"
+    std::vector<Server> stun; // tell how they see us; the first two are asked
     std::vector<Server> turn; // the first is the primary relay, the next the backup; one alone serves as both
 };
 

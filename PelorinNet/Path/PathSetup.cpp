@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <utility>
 
 namespace pelorin {
@@ -21,6 +22,7 @@ constexpr Duration laterSearchTime = 2s;
 constexpr Duration firstSearchPause = 15s; // doubled with each search that finds nothing
 constexpr Duration longestSearchPause = 5min;
 constexpr Duration relayPatience = 1s; // then another server may be quicker
+constexpr std::size_t maxAsked = 2; // STUN servers at once, and addresses of each: one may be down
 
 // Told in one session. A phone that changes its network tells three or four new ones each time; a peer that
 // tells ever more must not have us knock everywhere.
@@ -119,31 +121,45 @@ void PathSetup::setQuicEndpoint(const SocketAddress& listener)
 void PathSetup::learnReflexive()
 {
     isReflexiveSettled = false;
-    if (servers.stun.empty()) return reflexiveKnown(std::unexpected(NetError{"no STUN server"}));
-    lookup(servers.stun.front(), queue,
-        [this, alive = lifetime.watch()](const std::vector<SocketAddress>& addresses) {
+    const Questions open = std::make_shared<std::size_t>(0);
+    const auto asked = servers.stun | std::views::take(maxAsked);
+    *open = asked.size();
+    if (asked.empty()) return settleReflexive();
+    const auto alive = lifetime.watch();
+    for (const auto& server : asked) {
+        lookup(server, queue, [this, open, alive](const std::vector<SocketAddress>& addresses) {
             if (!alive) return;
-            if (addresses.empty())
-                return reflexiveKnown(std::unexpected(NetError{"the STUN server's name has no address"}));
-            askReflexive(addresses.front());
+            for (const SocketAddress& address : addresses | std::views::take(maxAsked))
+                askReflexive(address, open);
+            reflexiveAnswered(open, std::unexpected(NetError{"the STUN server's name has no address"}));
         });
+        if (!alive) return;
+    }
 }
 
-void PathSetup::askReflexive(const SocketAddress& server)
+void PathSetup::askReflexive(const SocketAddress& server, const Questions& open)
 {
+    ++*open;
     filter.avoid(server);
     if (std::ranges::find(stunServers, server) == stunServers.end()) stunServers.push_back(server);
     binder->binding(proxy->network(), server,
-        [this](const Result<SocketAddress, NetError>& address) { reflexiveKnown(address); });
+        [this, open](const Result<SocketAddress, NetError>& address) { reflexiveAnswered(open, address); });
 }
 
-void PathSetup::reflexiveKnown(const Result<SocketAddress, NetError>& address)
+void PathSetup::reflexiveAnswered(const Questions& open, const Result<SocketAddress, NetError>& address)
+{
+    const bool isLast = --*open == 0;
+    const auto alive = lifetime.watch();
+    if (address)
+        announce({*address, "srflx"});
+    else if (isLast && !isReflexiveSettled)
+        log.info("no reflexive address: {}", address.error().description);
+    if (alive && (address || isLast)) settleReflexive();
+}
+
+void PathSetup::settleReflexive()
 {
     isReflexiveSettled = true;
-    if (!address) log.info("no reflexive address: {}", address.error().description);
-    const auto alive = lifetime.watch();
-    if (address) announce({*address, "srflx"});
-    if (!alive) return;
     gathering.cancel();
     if (onGathered) std::exchange(onGathered, {})();
 }

@@ -60,9 +60,11 @@ public:
     std::string statistics() const; // one line for the log
 
 private:
+    using Questions = std::shared_ptr<std::size_t>; // of one round, still open
     void learnReflexive();
-    void askReflexive(const SocketAddress& server);
-    void reflexiveKnown(const Result<SocketAddress, NetError>& address);
+    void askReflexive(const SocketAddress& server, const Questions& open);
+    void reflexiveAnswered(const Questions& open, const Result<SocketAddress, NetError>& address);
+    void settleReflexive();
     void announce(const Candidate& candidate);
 
     void listen();

@@ -13,6 +13,7 @@ constexpr std::size_t maxPeers = 16;
 // Permissions last 300 s, channels and allocations 600 (RFC 8656, 3.2, 9, 12). Binding a channel anew renews
 // its permission, and what failed is tried twice more before that lapses.
 constexpr Duration renewalPeriod = 240s;
+constexpr Duration shortestRenewal = 10s; // of a relay that grants less than it should
 constexpr Duration rebindDelay = 15s;
 constexpr int maxRebindings = 2; // a relay may not want that address at all
 
@@ -75,7 +76,7 @@ void Relay::allocated(const SocketAddress& relayed)
     isRefreshing = false;
     rebindings = 0;
     proxy.add(*turn);
-    timer = queue->every(renewalPeriod, [this] { renew(); });
+    renewLater();
     for (const Peer& peer : peers) bind(peer);
     if (onAllocated) onAllocated({relayed, candidateType});
 }
@@ -84,7 +85,7 @@ void Relay::reach(const SocketAddress& peer)
 {
     queue->assertCurrent();
     if (std::ranges::find(peers, peer, &Peer::address) != peers.end()) return;
-    if (nextChannel > ChannelData::lastChannel || (peers.size() == maxPeers && !forgetOldest())) return;
+    if (nextChannel > ChannelData::channelRange.last || (peers.size() == maxPeers && !forgetOldest())) return;
     peers.push_back({peer, nextChannel++});
     rebindings = 0;
     if (turn && turn->relayed()) bind(peers.back());
@@ -118,8 +119,15 @@ void Relay::bind(const Peer& peer)
     });
 }
 
+void Relay::renewLater()
+{
+    const Duration period = std::clamp<Duration>(turn->granted() / 2, shortestRenewal, renewalPeriod);
+    timer = queue->after(period, [this] { renew(); });
+}
+
 void Relay::renew()
 {
+    renewLater();
     refresh();
     rebindings = 0;
     for (const Peer& peer : peers) bind(peer);
@@ -134,9 +142,10 @@ void Relay::distrust()
 void Relay::refresh()
 {
     if (std::exchange(isRefreshing, true)) return;
-    turn->refresh([this](const Result<void, NetError>& refreshed) {
+    turn->refresh([this, before = turn->granted()](const Result<void, NetError>& refreshed) {
         isRefreshing = false;
-        if (!refreshed) lose(refreshed.error().description);
+        if (!refreshed) return lose(refreshed.error().description);
+        if (turn->granted() != before) renewLater();
     });
 }
 

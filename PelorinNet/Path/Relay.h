@@ -46,6 +46,7 @@ private:
     };
     void bind(const Peer& peer);
     bool forgetOldest();
+    void renewLater();
     void renew();
     void refresh();
     void lose(const std::string& why);
@@ -61,7 +62,7 @@ private:
     // Of the peer, in the order they became known. A channel's number is never used again, for the relay
     // holds it for the address that it was bound to.
     std::vector<Peer> peers;
-    std::uint16_t nextChannel = ChannelData::firstChannel;
+    std::uint16_t nextChannel = ChannelData::channelRange.first;
     Subscription timer; // the next renewal, or the next attempt
     Subscription rebinding; // of channels that could not be bound or renewed
     int rebindings = 0; // since the last renewal

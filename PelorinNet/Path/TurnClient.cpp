@@ -121,6 +121,7 @@ void TurnClient::allocated(const StunMessage& response, const Allocated& done)
     const auto address = response.xorAddress(AttributeType::xorRelayedAddress);
     if (!address) return done(std::unexpected(NetError{"Allocate succeeded without a relayed address"}));
     relayedAddress = address;
+    noteLifetime(response);
     mappedAddress = response.xorAddress(AttributeType::xorMappedAddress);
     done(*address);
 }
@@ -142,7 +143,22 @@ void TurnClient::channelBind(const SocketAddress& peer, std::uint16_t channel, D
 void TurnClient::refresh(Done done)
 {
     queue->assertCurrent();
-    transact({Method::refresh, {lifetimeAttribute(lifetimeSeconds)}, {}, outcomeFor(std::move(done))});
+    transact({Method::refresh, {lifetimeAttribute(lifetimeSeconds)}, {},
+        [this, outcome = outcomeFor(std::move(done))](const Result<StunMessage, NetError>& response) {
+            if (response) noteLifetime(*response);
+            outcome(response);
+        }});
+}
+
+// A relay may grant less than was asked, or more (RFC 8656, 7.2).
+void TurnClient::noteLifetime(const StunMessage& response)
+{
+    const auto value = response.attribute(AttributeType::lifetime);
+    lifetimeGranted = std::chrono::seconds(lifetimeSeconds);
+    if (!value || value->size() != 4) return;
+    std::uint32_t seconds = 0;
+    for (const std::uint8_t byte : *value) seconds = seconds << 8 | byte;
+    lifetimeGranted = std::chrono::seconds(seconds);
 }
 
 void TurnClient::transact(Request request)

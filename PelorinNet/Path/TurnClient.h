@@ -43,6 +43,7 @@ public:
     void createPermission(const SocketAddress& peer, Done done);
     void channelBind(const SocketAddress& peer, std::uint16_t channel, Done done); // permits peer as well
     void refresh(Done done); // for the lifetime asked at allocation, 600 s
+    std::chrono::seconds granted() const { return lifetimeGranted; } // at the last of both
 
     void send(std::uint16_t channel, ByteView payload); // now
     void enqueue(std::uint16_t channel, ByteView payload); // valid until flush, as with UDPSocket
@@ -83,6 +84,7 @@ private:
     void complete(Request request, const StunMessage& response);
     bool takeChallenge(const StunMessage& response);
     void allocated(const StunMessage& response, const Allocated& done);
+    void noteLifetime(const StunMessage& response);
 
     const QueueRef queue;
     const std::unique_ptr<UDPSocket> socket;
@@ -93,6 +95,7 @@ private:
     std::string realm, nonce; // of the relay's last challenge
     std::optional<Key> key; // once there was one
     std::optional<SocketAddress> relayedAddress, mappedAddress;
+    std::chrono::seconds lifetimeGranted{};
     std::uint64_t verifiedCount = 0;
     std::unordered_map<StunMessage::TransactionID, Transaction> pending;
     std::deque<std::array<std::uint8_t, ChannelData::headerSize>> headers; // of what is not flushed yet

@@ -9,8 +9,12 @@
 // payload, zeros to a multiple of four.
 namespace pelorin::ChannelData {
 
-inline constexpr std::uint16_t firstChannel = 0x4000; // channelRange
-inline constexpr std::uint16_t lastChannel = 0x4FFF;
+struct Range {
+    std::uint16_t first;
+    std::uint16_t last; // the last that is in it
+    constexpr bool contains(std::uint16_t channel) const { return first <= channel && channel <= last; }
+};
+inline constexpr Range channelRange{0x4000, 0x4FFF};
 inline constexpr std::size_t headerSize = 4;
 
 struct Parsed {

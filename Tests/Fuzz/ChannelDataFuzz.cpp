@@ -10,8 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const ByteView datagram{data, size};
     const auto parsed = ChannelData::parse(datagram);
     if (!parsed) return 0;
-    require(parsed->channel >= ChannelData::firstChannel && parsed->channel <= ChannelData::lastChannel,
-        "a channel is within its range");
+    require(ChannelData::channelRange.contains(parsed->channel), "a channel is within its range");
     const Bytes framed = ChannelData::frame(parsed->channel, parsed->payload);
     const std::size_t unpadded = ChannelData::headerSize + parsed->payload.size();
     require(framed.size() % 4 == 0 && framed.size() - unpadded < 4, "padding reaches the next four bytes");

@@ -71,7 +71,7 @@ public:
         client = std::make_unique<TurnClient>(std::make_unique<ScriptedSocket>(sent),
             std::vector(std::begin(relays), std::end(relays)), credentials, queue);
         client->onChannelData = [](std::uint16_t channel, ByteView) {
-            require(channel >= ChannelData::firstChannel && channel <= ChannelData::lastChannel, "a channel");
+            require(ChannelData::channelRange.contains(channel), "a channel");
         };
     }
 

@@ -139,6 +139,36 @@ TEST_F(PathLinksTest, takesADirectWayAtOnceAndARelayedOneOnlyAfterAWhile)
     EXPECT_LE(longestSilence(1s), 20ms);
 }
 
+TEST_F(PathLinksTest, mayGoInEachOfItsCallbacks)
+{
+    for (const std::string_view row : {"chosen", "silent", "fallen"}) {
+        SCOPED_TRACE(row);
+        End& end = ends[0];
+        auto links = std::make_unique<PathLinks>(*end.proxy, end.queue, end.local);
+        const auto goAt = [&](std::string_view moment) {
+            if (moment == row) links.reset();
+        };
+        links->onChosen = [&](const PathLink&) { goAt("chosen"); };
+        links->onSilence = [&] { goAt("silent"); };
+        links->onFell = [&](const PathLink&) { goAt("fallen"); };
+        end.proxy->onOtherDatagram = [&](ByteView datagram, const SocketAddress& source) {
+            if (links) links->handleAnswer(datagram, Path::direct(source));
+        };
+        street.isCut = false;
+        links->start(end.remote, queues.now());
+        links->add(street.way(0), street.way(0).address, Kind::direct, "direct");
+        queues.advance(1s);
+        EXPECT_EQ(links == nullptr, row == "chosen");
+        street.isCut = true;
+        for (int i = 0; i < 2000 && links; ++i) {
+            end.speak();
+            queues.advance(10ms);
+        }
+        EXPECT_FALSE(links);
+        end.proxy->path.reset();
+    }
+}
+
 TEST_F(PathLinksTest, goesAlongWithAPeerThatHasChosenARelayedOne)
 {
     ends[0].links.start(ends[0].remote, queues.now() + 400ms);

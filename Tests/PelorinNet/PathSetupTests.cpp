@@ -27,9 +27,12 @@ protected:
 
     void open(End& end, PathSetup::Switches switches = {}, PathServers servers = {})
     {
-        const auto unknown = [](const PathServers::Server&, const QueueRef&, const auto& done) { done({}); };
+        const auto lookUp = [this](const PathServers::Server& server, const QueueRef&, const auto& done) {
+            const auto known = names.find(server.host);
+            done(known == names.end() ? std::vector<SocketAddress>() : known->second);
+        };
         end.setup = std::make_unique<PathSetup>(
-            queues.makeQueue("dev.pelorin.path"), std::move(servers), unknown, switches);
+            queues.makeQueue("dev.pelorin.path"), std::move(servers), lookUp, switches);
         end.setup->onPathChange = [&end](const std::string& label) { end.changes.push_back(label); };
         ASSERT_TRUE(end.setup->open());
         end.setup->setQuicEndpoint(end.quic.address);
@@ -51,6 +54,7 @@ protected:
     }
 
     ManualQueues queues;
+    std::map<std::string, std::vector<SocketAddress>> names;
     End host;
     End phone;
 };
@@ -109,6 +113,42 @@ TEST_F(PathSetupTest, saysWhyThereIsNoPath)
         happens(end);
         queues.runReady();
         EXPECT_THAT(failure(end), HasSubstr(text));
+    }
+}
+
+TEST_F(PathSetupTest, learnsItsAddressFromWhicheverSTUNServerAnswers)
+{
+    const RawUDP silent;
+    const RawUDP living;
+    const Candidate reflexive{SocketAddress::ipv4({203, 0, 113, 7}, 51'820), "srflx"};
+    names = {
+        {"half", {silent.address, living.address}}, {"whole", {living.address}}, {"dead", {silent.address}}};
+    const struct {
+        std::vector<PathServers::Server> stun;
+        bool isLearned;
+    } rows[] = {{{{"half", 3478}}, true}, {{{"nameless", 3478}, {"whole", 3478}}, true},
+        {{{"dead", 3478}, {"whole", 3478}}, true}, {{{"dead", 3478}}, false}, {{{"nameless", 3478}}, false}};
+    for (const auto& [stun, isLearned] : rows) {
+        SCOPED_TRACE(stun.front().host);
+        End end;
+        open(end, {}, {.stun = stun, .turn = {}});
+        int gathered = 0;
+        end.setup->gather(1min, [&] { ++gathered; });
+        queues.runReady();
+        for (const auto& [request, source] : living.receive()) {
+            auto answer = *StunMessage::parse(request);
+            answer.messageClass = StunMessage::Class::success;
+            answer.attributes.push_back(StunMessage::xorAddressAttribute(
+                StunMessage::AttributeType::xorMappedAddress, reflexive.address, answer.transactionID));
+            living.send(answer.serialize(), source);
+        }
+        queues.runReady();
+        EXPECT_EQ(gathered == 1, isLearned || stun.front().host == "nameless");
+        queues.advance(10s);
+        EXPECT_EQ(gathered, 1);
+        const auto candidates = end.setup->local().candidates;
+        EXPECT_EQ(std::ranges::count(candidates, reflexive), isLearned ? 1 : 0);
+        living.receive();
     }
 }
 

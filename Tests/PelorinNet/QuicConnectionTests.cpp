@@ -243,6 +243,27 @@ TEST_F(QuicConnections, holdASenderBackWhenTheLineOrTheReaderDoes)
     EXPECT_EQ(sent, pieces);
 }
 
+TEST_F(QuicConnections, loseNothingToStreamsThatAreGivenUpBeforeAnybodyTookThem)
+{
+    connectOver({.delay = 1ms});
+    host().connection->onStream = nullptr;
+    for (int i = 0; i < 200; ++i) {
+        auto& given = phone.open();
+        given.channel->send(Bytes(300'000));
+        queues.advance(20ms);
+        phone.streams.pop_back();
+        queues.advance(10ms);
+    }
+    int came = 0;
+    host().connection->onStream = [&](auto channel) {
+        ++came;
+        host().streams.push_back(std::make_unique<QuicEndOfStream>(std::move(channel), hostQueue));
+    };
+    phone.open().channel->send(Bytes(300'000));
+    EXPECT_TRUE(advanceUntil([&] { return host().streams.back()->received.size() == 300'000; }));
+    EXPECT_EQ(came, 1);
+}
+
 TEST_F(QuicConnections, openAsManyStreamsAsTheyAreAllowedAndTheRestLater)
 {
     connectOver({.delay = 20ms});

@@ -1,5 +1,6 @@
 // Who gets in over QUIC, and that nobody else does.
 #include "PelorinNet/Channel/LoopbackPair.h"
+#include "PelorinNet/Channel/PathChannel.h"
 #include "PelorinNet/Channel/QuicTls.h"
 #include "Tests/PelorinNet/QuicPeers.h"
 
@@ -193,6 +194,10 @@ TEST_F(QuicHandshakes, letInWhoBothEndsAcceptAndSayWhoTheyAre)
     EXPECT_EQ(PelorinQUIC::peerFingerprint(phoneStream()), hostIdentity->fingerprint());
     EXPECT_EQ(PelorinQUIC::peerFingerprint(hostStream()), phoneIdentity->fingerprint());
     EXPECT_FALSE(PelorinQUIC::peerFingerprint(*LoopbackPair::make({}).first));
+    const auto label = std::make_shared<PathLabel>("direct");
+    auto described = onPath(std::move(host().streams.at(0)->channel), label, "dev-1");
+    EXPECT_EQ(PelorinQUIC::peerFingerprint(*described), phoneIdentity->fingerprint());
+    host().streams.at(0)->channel = std::move(described);
     EXPECT_EQ(phoneStream().remoteAddress(), "127.0.0.1");
     EXPECT_EQ(phoneStream().pathDescription(), "quic " + listenerAddress().text());
     EXPECT_EQ(host().connection->remoteAddress().hostText(), "127.0.0.1");

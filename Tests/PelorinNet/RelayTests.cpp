@@ -47,7 +47,7 @@ protected:
     ManualQueues queues;
     const QueueRef queue = queues.makeQueue("dev.pelorin.path");
     const std::unique_ptr<DatagramProxy> proxy = std::move(*DatagramProxy::open(queue));
-    const ScriptedRelay server;
+    ScriptedRelay server;
     std::optional<SocketAddress> refused;
     Relay relay{*proxy, queue,
         [this](const PathServers::Server&, const QueueRef&, const auto& done) { done({server.address}); },
@@ -68,6 +68,27 @@ TEST_F(RelayTest, asksOnceForEachChannel)
     EXPECT_TRUE(serve().empty());
     queues.advance(240s);
     EXPECT_EQ(serve(), both);
+}
+
+TEST_F(RelayTest, renewsBeforeALifetimeEndsThatIsShorterThanAsked)
+{
+    server.lifetime = 100;
+    relay.reach(peer(1));
+    relay.start();
+    EXPECT_EQ(serve().size(), 1u);
+    queues.advance(49s);
+    EXPECT_TRUE(serve().empty());
+    queues.advance(1s);
+    EXPECT_EQ(serve().size(), 1u);
+    server.lifetime = 0; // senseless, and must not have us flood it
+    queues.advance(50s);
+    EXPECT_EQ(serve().size(), 1u);
+    for (int i = 0; i < 3; ++i) {
+        queues.advance(10s - 1ms);
+        EXPECT_TRUE(serve().empty());
+        queues.advance(1ms);
+        EXPECT_EQ(serve().size(), 1u);
+    }
 }
 
 TEST_F(RelayTest, reachesAPeerHoweverOftenThatHasMoved)

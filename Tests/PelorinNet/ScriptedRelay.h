@@ -60,6 +60,7 @@ public:
                 {std::pair(Type::xorRelayedAddress, relayed), std::pair(Type::xorMappedAddress, mapped)})
                 answer.attributes.push_back(
                     StunMessage::xorAddressAttribute(type, address, answer.transactionID));
+        if (lifetime) answer.attributes.emplace_back(Type::lifetime, Bytes{0, 0, 0, *lifetime});
         return answer.serialize(key());
     }
     void accept(const Request& request) const { send(success(request), request.source); }
@@ -69,6 +70,7 @@ public:
     const SocketAddress mapped = SocketAddress::ipv4({203, 0, 113, 7}, 40'000);
     std::string realm = "relay.example";
     std::string nonce = "nonce-1";
+    std::optional<std::uint8_t> lifetime; // seconds it grants; none: says nothing of it
 };
 
 } // namespace pelorin
