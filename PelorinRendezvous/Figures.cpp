@@ -56,6 +56,10 @@ std::string Figures::metrics(const Now& now) const
     counter("signals_total", "Signalling messages passed on.", signals);
     counter("rule_breakers_total", "Peers closed for what they sent.", ruleBreakers);
     counter("silent_total", "Peers closed for their silence.", silent);
+    gauge("broker_in_reach", "1 while other nodes can be reached.", now.hasBroker ? 1 : 0);
+    counter("phones_elsewhere_total", "Phones whose host was at another node.", phonesElsewhere);
+    counter("guests_total", "Phones for our hosts that came to another node.", guests);
+    counter("broker_losses_total", "Times that the broker was lost.", brokerLosses);
     return text;
 }
 

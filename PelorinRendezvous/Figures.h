@@ -22,6 +22,9 @@ struct Figures {
     std::uint64_t signals = 0;
     std::uint64_t ruleBreakers = 0; // closed for what they sent
     std::uint64_t silent = 0; // closed for what they did not send
+    std::uint64_t phonesElsewhere = 0; // whose host was at another node
+    std::uint64_t guests = 0; // phones that came to another node
+    std::uint64_t brokerLosses = 0;
 
     // How things are now.
     struct Now {
@@ -30,6 +33,7 @@ struct Figures {
         std::size_t hosts = 0;
         std::size_t sessions = 0;
         std::size_t sources = 0;
+        bool hasBroker = false; // in reach
     };
     std::string page(const Now& now) const; // for people, plain text
     std::string metrics(const Now& now) const; // for Prometheus

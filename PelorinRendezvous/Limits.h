@@ -21,6 +21,7 @@ struct Limits {
     static constexpr Rate hostMessages{std::chrono::milliseconds(10), 1000};
 
     static constexpr std::chrono::seconds opening{5}; // for the request, and then for the first message
+    static constexpr std::chrono::seconds inquiry{2}; // about a host, among the nodes of a service
     static constexpr std::chrono::seconds answering{30}; // a host's, to a phone's request
     static constexpr std::chrono::seconds silence{60}; // four of the hosts' pings
     static constexpr std::chrono::seconds goodbye{2}; // until a peer that was told to go is cut off

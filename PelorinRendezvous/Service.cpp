@@ -45,15 +45,18 @@ std::optional<IPAddress> forwardedFor(const HttpRequest& request)
 } // namespace
 
 Service::Service(QueueRef newQueue, Links& newLinks, Options newOptions, RelayCredentials relays,
-    Switchboard::RandomBytes random)
+    Switchboard::RandomBytes random, Broker* broker)
     : queue(std::move(newQueue)),
       links(newLinks),
       options(std::move(newOptions)),
       started(queue->now()),
       admission(options.limits),
-      switchboard(queue, links, admission, figures, std::move(relays), std::move(random)),
+      cluster(broker ? std::make_unique<Cluster>(queue, links, *broker, figures, random) : nullptr),
+      switchboard(
+          queue, cluster ? *cluster : links, admission, figures, std::move(relays), std::move(random)),
       ticking(queue->every(tickPeriod, [this] { tick(); }))
 {
+    if (cluster) cluster->serve(switchboard);
 }
 
 bool Service::isProxy(const IPAddress& address) const
@@ -114,7 +117,7 @@ bool Service::findSource(Visitor& visitor, const HttpRequest& request)
 std::string Service::figuresFor(std::string_view target) const
 {
     const Figures::Now now{queue->now() - started, visitors.size(), switchboard.hostCount(),
-        switchboard.sessionCount(), admission.sourceCount()};
+        switchboard.sessionCount(), admission.sourceCount(), cluster && cluster->isInReach()};
     if (target == "/") return figures.page(now);
     if (target == "/metrics") return figures.metrics(now);
     return {};
@@ -133,13 +136,18 @@ void Service::answerPhone(ConnectionID connection, const HttpRequest& request, c
     auto answer = WebSocket::handshakeAnswer(request);
     if (!answer) return refuse(connection, "426 Upgrade Required", upgradeFields);
     links.upgrade(connection, std::move(*answer));
+    if (cluster && !switchboard.isOnline(hostID)) return cluster->welcomePhone(connection, hostID);
     switchboard.welcomePhone(connection, hostID);
 }
 
 void Service::answerStatus(ConnectionID connection, const std::string& hostID)
 {
-    const auto body = fmt::format(R"({{"online":{}}})", switchboard.isOnline(hostID));
-    links.answer(connection, httpResponse("200 OK", "application/json", body));
+    const auto answer = [this, connection](bool isOnline) {
+        const auto body = fmt::format(R"({{"online":{}}})", isOnline);
+        links.answer(connection, httpResponse("200 OK", "application/json", body));
+    };
+    if (cluster && !switchboard.isOnline(hostID)) return cluster->ask(hostID, answer);
+    answer(switchboard.isOnline(hostID));
 }
 
 void Service::requestFailed(ConnectionID connection, std::string_view status)
@@ -154,18 +162,36 @@ void Service::refuse(ConnectionID connection, std::string_view status, std::stri
     links.answer(connection, httpResponse(status, plainText, fmt::format("{}\n", status), moreFields));
 }
 
+void Service::received(ConnectionID connection, std::string_view text)
+{
+    if (isElsewhere(connection)) return cluster->received(connection, text);
+    switchboard.received(connection, text);
+}
+
+void Service::heard(ConnectionID connection)
+{
+    if (isElsewhere(connection)) return cluster->heard(connection);
+    switchboard.heard(connection);
+}
+
+void Service::left(ConnectionID connection)
+{
+    if (isElsewhere(connection)) return cluster->gone(connection);
+    switchboard.gone(connection);
+}
+
 void Service::failed(ConnectionID connection, WebSocket::CloseCode code)
 {
     queue->assertCurrent();
     ++figures.ruleBreakers;
-    switchboard.gone(connection);
+    left(connection);
     links.close(connection, code, {});
 }
 
 void Service::gone(ConnectionID connection)
 {
     queue->assertCurrent();
-    switchboard.gone(connection);
+    left(connection);
     const auto found = visitors.find(connection);
     if (found->second.source) admission.close(*found->second.source);
     visitors.erase(found);
@@ -181,6 +207,7 @@ void Service::tick()
         refuse(connection, "408 Request Timeout");
     }
     switchboard.endOverdue();
+    if (cluster) cluster->endOverdue();
     if (++ticks % ticksBetweenCleanings == 0) admission.forgetIdle(now);
 }
 
@@ -191,6 +218,7 @@ void Service::stop()
     for (auto& [connection, visitor] : visitors)
         if (std::exchange(visitor.isWaiting, false)) refuse(connection, "503 Service Unavailable");
     switchboard.closeAll();
+    if (cluster) cluster->closeAll();
 }
 
 } // namespace pelorin

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinRendezvous/Cluster/Cluster.h"
 #include "PelorinRendezvous/Http/HttpRequest.h"
 #include "PelorinRendezvous/Switchboard.h"
 
@@ -16,14 +17,15 @@ public:
         bool showsStatus = false; // at / and /metrics
     };
 
+    // broker: of the other nodes; none for a service of one.
     Service(QueueRef newQueue, Links& newLinks, Options newOptions, RelayCredentials relays,
-        Switchboard::RandomBytes random);
+        Switchboard::RandomBytes random, Broker* broker = nullptr);
 
     bool opened(ConnectionID connection, const IPAddress& address); // false: close it, it is not known here
     void requested(ConnectionID connection, const HttpRequest& request); // once a connection
     void requestFailed(ConnectionID connection, std::string_view status); // it was none
-    void received(ConnectionID connection, std::string_view text) { switchboard.received(connection, text); }
-    void heard(ConnectionID connection) { switchboard.heard(connection); } // a control frame
+    void received(ConnectionID connection, std::string_view text);
+    void heard(ConnectionID connection); // a control frame
     // It sent what RFC 6455 or our rules of messages do not allow.
     void failed(ConnectionID connection, WebSocket::CloseCode code);
     void gone(ConnectionID connection); // of each that was opened, once
@@ -42,6 +44,8 @@ private:
     void answerPhone(ConnectionID connection, const HttpRequest& request, const std::string& hostID);
     void answerStatus(ConnectionID connection, const std::string& hostID);
     void refuse(ConnectionID connection, std::string_view status, std::string_view moreFields = {});
+    bool isElsewhere(ConnectionID connection) const { return cluster && cluster->has(connection); }
+    void left(ConnectionID connection);
     void tick();
     bool isProxy(const IPAddress& address) const;
 
@@ -51,6 +55,7 @@ private:
     const SteadyTime started;
     Admission admission;
     Figures figures;
+    const std::unique_ptr<Cluster> cluster; // none: a service of one node
     Switchboard switchboard;
     std::unordered_map<ConnectionID, Visitor> visitors;
     int ticks = 0;

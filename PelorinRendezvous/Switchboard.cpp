@@ -134,8 +134,10 @@ void Switchboard::registerHost(ConnectionID connection, Peer& peer, std::string 
     peer.token = {};
     peer.source.reset();
     peer.hostID = hostID;
+    peer.since = queue->now();
     hosts.insert({std::move(hostID), {connection, {}, 0}});
     links.send(connection, ToPeer::registered());
+    if (onRegistered) onRegistered(peer.hostID);
 }
 
 // What names a session that is over, or does not fit its state, crossed with news of ours and is passed over.
@@ -297,6 +299,27 @@ void Switchboard::closeAll()
     sessions = 0;
 }
 
+void Switchboard::replaceHost(const std::string& hostID)
+{
+    const auto found = hosts.find(hostID);
+    if (found != hosts.end()) dismiss(found->second.connection, CloseCode::inOrder, "replaced");
+}
+
+std::optional<Duration> Switchboard::registeredFor(const std::string& hostID) const
+{
+    const auto found = hosts.find(hostID);
+    if (found == hosts.end()) return std::nullopt;
+    return queue->now() - peers.at(found->second.connection).since;
+}
+
+std::vector<std::string> Switchboard::hostIDs() const
+{
+    std::vector<std::string> ids;
+    ids.reserve(hosts.size());
+    for (const auto& [hostID, host] : hosts) ids.push_back(hostID);
+    return ids;
+}
+
 std::optional<Switchboard::Phone> Switchboard::phoneOf(const Peer& host, const std::string& session)
 {
     const auto& phones = hosts.at(host.hostID).phones;
@@ -343,6 +366,7 @@ void Switchboard::forgetHost(const std::string& hostID)
     }
     sessions -= found->second.phones.size();
     hosts.erase(found);
+    if (onLeft) onLeft(hostID);
 }
 
 void Switchboard::dismiss(ConnectionID connection, CloseCode code, std::string_view reason)

@@ -26,10 +26,17 @@ public:
     void gone(ConnectionID connection);
     void endOverdue(); // to be called about once a second
     void closeAll(); // the service ends
+    void replaceHost(const std::string& hostID); // it has registered elsewhere
 
     bool isOnline(const std::string& hostID) const { return hosts.contains(hostID); }
     std::size_t hostCount() const { return hosts.size(); }
+    std::optional<Duration> registeredFor(const std::string& hostID) const;
+    std::vector<std::string> hostIDs() const;
     std::size_t sessionCount() const { return sessions; }
+
+    // From inside other calls; none may be made from them. Not when all are closed.
+    std::function<void(const std::string& hostID)> onRegistered;
+    std::function<void(const std::string& hostID)> onLeft;
 
     // Texts for the person at the phone.
     static constexpr std::string_view noAnswer = "电脑没有回应";

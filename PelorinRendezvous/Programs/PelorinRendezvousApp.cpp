@@ -4,6 +4,7 @@
 #include "PelorinNet/Log.h"
 #include "PelorinNet/Queue/Confined.h"
 #include "PelorinNet/Queue/QueuePool.h"
+#include "PelorinRendezvous/Cluster/NatsBroker.h"
 #include "PelorinRendezvous/Linux/EpollSockets.h"
 
 #include <atomic>
@@ -28,6 +29,7 @@ struct Options {
     std::vector<std::string> relays;
     std::string relaySecret;
     LogLevel logLevel = LogLevel::info;
+    NatsBroker::Options broker;
     Service::Options service;
 };
 
@@ -82,6 +84,27 @@ void addLimits(CLI::App& app, Limits& limits)
         ->capture_default_str();
 }
 
+std::string brokerProblem(const std::string& url)
+{
+    const bool isOne = url.starts_with("nats://") || url.starts_with("tls://");
+    return isOne ? "" : "\"" + url + "\" is not like nats://broker.example.org:4222";
+}
+
+void addCluster(CLI::App& app, NatsBroker::Options& broker)
+{
+    auto* cluster = app.add_option("--cluster", broker.urls,
+        "The brokers where this node meets the others, nats://HOST:PORT or tls://HOST:PORT, separated by "
+        "commas");
+    cluster->delimiter(',')->check(brokerProblem);
+    app.add_option("--cluster-credentials", broker.credentialsFile, "What the broker knows this node by")
+        ->needs(cluster)
+        ->check(CLI::ExistingFile);
+    app.add_option(
+           "--cluster-ca", broker.trustFile, "Who vouches for a tls:// broker, PEM, but for the system's")
+        ->needs(cluster)
+        ->check(CLI::ExistingFile);
+}
+
 void addOptions(CLI::App& app, Options& options)
 {
     const std::map<std::string, LogLevel> levels{{"debug", LogLevel::debug}, {"info", LogLevel::info},
@@ -117,6 +140,7 @@ void addOptions(CLI::App& app, Options& options)
         },
         "Address of a proxy whose X-Forwarded-For tells where peers are; repeatable");
     app.add_flag("--status", options.service.showsStatus, "Show figures to anybody, at / and /metrics");
+    addCluster(app, options.broker);
     addLimits(app, options.service.limits);
     app.add_option("--log-level", options.logLevel, "debug, info, warning or error")
         ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case));
@@ -136,10 +160,13 @@ void checkOptions(const Options& options)
 // The service with its sockets. Queue: the one given. Owned by main.
 class Running {
 public:
-    Running(QueueRef queue, std::unique_ptr<EpollSockets> newSockets, const Options& options)
+    Running(QueueRef queue, std::unique_ptr<EpollSockets> newSockets, std::unique_ptr<Broker> newBroker,
+        const Options& options)
         : sockets(std::move(newSockets)),
+          broker(std::move(newBroker)),
           service(std::move(queue), *sockets, options.service,
-              RelayCredentials(options.relays, secretBytes(options.relaySecret)), PelorinTLS::randomBytes)
+              RelayCredentials(options.relays, secretBytes(options.relaySecret)), PelorinTLS::randomBytes,
+              broker.get())
     {
         sockets->serve(service);
     }
@@ -158,6 +185,7 @@ private:
     }
 
     std::unique_ptr<EpollSockets> sockets;
+    std::unique_ptr<Broker> broker; // none: a service of one node
     Service service;
     bool isStopping = false;
 };
@@ -196,7 +224,11 @@ Result<std::unique_ptr<Running>, NetError> start(const QueueRef& queue, const Op
             fmt::format("cannot listen on {}: {}", options.address.text(), sockets.error().description)});
     Log("rendezvous")
         .info("Listening on {}://{}", options.isInsecure ? "ws" : "wss", (*sockets)->address().text());
-    return std::make_unique<Running>(queue, std::move(*sockets), options);
+    if (options.broker.urls.empty())
+        return std::make_unique<Running>(queue, std::move(*sockets), nullptr, options);
+    auto broker = NatsBroker::create(queue, options.broker);
+    if (!broker) return std::unexpected(std::move(broker.error()));
+    return std::make_unique<Running>(queue, std::move(*sockets), std::move(*broker), options);
 }
 
 int run(const Options& options)

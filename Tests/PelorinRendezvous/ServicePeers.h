@@ -19,8 +19,15 @@ namespace pelorin {
 class ServicePeers final : public Links {
 public:
     explicit ServicePeers(Service::Options options = {}, std::vector<std::string> relays = {})
-        : service(queue, *this, std::move(options), RelayCredentials(std::move(relays), secret()),
-              PelorinTLS::randomBytes)
+        : ServicePeers(std::make_shared<ManualQueues>(), nullptr, std::move(options), std::move(relays))
+    {
+    }
+    // One node of several, on their common time.
+    ServicePeers(std::shared_ptr<ManualQueues> time, Broker* broker, Service::Options options = {},
+        std::vector<std::string> relays = {})
+        : sharedQueues(std::move(time)),
+          service(queue, *this, std::move(options), RelayCredentials(std::move(relays), secret()),
+              PelorinTLS::randomBytes, broker)
     {
     }
 
@@ -149,7 +156,8 @@ public:
         if (open.contains(id)) open[id]->close(code, reason);
     }
 
-    ManualQueues queues;
+    const std::shared_ptr<ManualQueues> sharedQueues;
+    ManualQueues& queues = *sharedQueues;
     const QueueRef queue = queues.makeQueue("dev.pelorin.rendezvous");
     Service service;
 
