@@ -1,10 +1,10 @@
 #include "PelorinRendezvous/Cluster/NatsBroker.h"
 
 #include "PelorinNet/Log.h"
+#include "PelorinRendezvous/Cluster/BrokerPoll.h"
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <fmt/format.h>
 #include <map>
@@ -22,7 +22,7 @@ constexpr int reconnectWait = 500;
 constexpr int reconnectJitter = 500;
 constexpr int pingInterval = 5'000; // two unanswered: lost
 constexpr int writeDeadline = 2'000;
-constexpr std::chrono::seconds retryWait{5}; // after a refusal, which the library does not try again
+constexpr std::chrono::milliseconds retryWait{5'000}; // after a refusal, which the library does not try again
 constexpr std::size_t entrySize = 128; // what a message costs beside its text
 
 struct SubscriptionDeleter {
@@ -116,8 +116,8 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
     std::function<void(const Message&)> tellMessage;
     std::function<void(const std::string&)> tellNobody;
 
+    BrokerPoll poll; // where the worker waits
     std::mutex mutex; // guards the next five
-    std::condition_variable changed;
     std::map<std::string, bool> wishes; // subjects to be heard from here on, or no longer
     std::deque<Message> outgoing;
     std::size_t outgoingSize = 0;
@@ -153,6 +153,27 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
     {
         if (status == NATS_SLOW_CONSUMER) return of(closure).overrun();
         of(closure).complain(status);
+    }
+    static natsStatus onAttach(void** link, void* loop, natsConnection*, natsSock socket)
+    {
+        *link = loop;
+        static_cast<Link*>(loop)->poll.watch(socket);
+        return NATS_OK;
+    }
+    static natsStatus onReadWish(void* link, bool isWanted)
+    {
+        static_cast<Link*>(link)->poll.wantRead(isWanted);
+        return NATS_OK;
+    }
+    static natsStatus onWriteWish(void* link, bool isWanted)
+    {
+        static_cast<Link*>(link)->poll.wantWrite(isWanted);
+        return NATS_OK;
+    }
+    static natsStatus onDetach(void* link)
+    {
+        static_cast<Link*>(link)->poll.unwatch();
+        return NATS_OK;
     }
     static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure)
     {
@@ -222,7 +243,7 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         report(false);
         const std::lock_guard lock(mutex);
         isRefused = true;
-        changed.notify_one();
+        poll.wake();
     }
 
     // The worker.
@@ -238,8 +259,7 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
     {
         while (!isEnding()) {
             if (tryToConnect()) return true;
-            std::unique_lock lock(mutex);
-            changed.wait_for(lock, retryWait, [this] { return isOver; });
+            rest();
         }
         return false;
     }
@@ -260,6 +280,7 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         natsOptions_SetReconnectedCB(options, onUp, kept.get());
         natsOptions_SetErrorHandler(options, onError, kept.get());
         natsOptions_SetClosedCB(options, onClosed, kept.get());
+        natsOptions_SetEventLoop(options, this, onAttach, onReadWish, onWriteWish, onDetach);
         const natsStatus status = natsConnection_Connect(&connection, options);
         if (status != NATS_OK) complain(status);
         if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return false;
@@ -269,12 +290,11 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         return true;
     }
 
+    // All that goes over the connection goes in here once it stands: what secures it bears one thread alone.
     void serve()
     {
-        std::unique_lock lock(mutex);
         while (true) {
-            changed.wait(
-                lock, [this] { return isOver || isRefused || !wishes.empty() || !outgoing.empty(); });
+            std::unique_lock lock(mutex);
             if (isOver || isRefused) return;
             const auto newWishes = std::exchange(wishes, {});
             const auto messages = std::exchange(outgoing, {});
@@ -282,7 +302,10 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
             lock.unlock();
             for (const auto& [subject, isWanted] : newWishes) grant(subject, isWanted);
             for (const Message& message : messages) send(message);
-            lock.lock();
+            if (poll.wantsWrite()) natsConnection_ProcessWriteEvent(connection); // there is room, mostly
+            const auto ready = poll.wait();
+            if (ready.canRead) natsConnection_ProcessReadEvent(connection);
+            if (ready.canWrite) natsConnection_ProcessWriteEvent(connection);
         }
     }
 
@@ -329,8 +352,20 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         natsConnection_Close(connection);
         natsConnection_Destroy(connection);
         connection = nullptr;
-        std::unique_lock lock(mutex);
-        if (!isOver) changed.wait_for(lock, retryWait, [this] { return isOver; });
+        rest();
+    }
+
+    // Before the next attempt, unless there is to be none.
+    void rest()
+    {
+        for (auto until = std::chrono::steady_clock::now() + retryWait;;) {
+            const auto left = until - std::chrono::steady_clock::now();
+            {
+                const std::lock_guard lock(mutex);
+                if (isOver || left <= Duration::zero()) return;
+            }
+            poll.wait(std::chrono::ceil<std::chrono::milliseconds>(left));
+        }
     }
 };
 
@@ -364,7 +399,7 @@ NatsBroker::~NatsBroker()
 {
     const std::lock_guard lock(link->mutex);
     link->isOver = true;
-    link->changed.notify_one();
+    link->poll.wake();
 }
 
 void NatsBroker::stateChanged(bool nowInReach)
@@ -383,14 +418,14 @@ void NatsBroker::subscribe(const std::string& subject)
 {
     const std::lock_guard lock(link->mutex);
     link->wishes[subject] = true;
-    link->changed.notify_one();
+    link->poll.wake();
 }
 
 void NatsBroker::unsubscribe(const std::string& subject)
 {
     const std::lock_guard lock(link->mutex);
     link->wishes[subject] = false;
-    link->changed.notify_one();
+    link->poll.wake();
 }
 
 bool NatsBroker::publish(const std::string& subject, std::string text, const std::string& replyTo)
@@ -402,7 +437,7 @@ bool NatsBroker::publish(const std::string& subject, std::string text, const std
     if (link->outgoingSize + size > maxWaiting) return false;
     link->outgoingSize += size;
     link->outgoing.push_back(std::move(message));
-    link->changed.notify_one();
+    link->poll.wake();
     return true;
 }
 

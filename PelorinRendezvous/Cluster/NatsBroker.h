@@ -11,8 +11,8 @@
 namespace pelorin {
 
 // A broker that speaks NATS. Looks for it from the start and again whenever it is lost, without end. Queue:
-// the one given, which is kept from waiting by a thread of our own for what goes out and the library's for
-// what comes in.
+// the one given, which is kept from waiting by a thread of our own, on which the connection is read and
+// written.
 class NatsBroker final : public Broker {
 public:
     struct Options {
