@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sys/stat.h>
 
 // The way from anywhere, as people go it: the real service, host and viewer programs, host and phone each
@@ -45,25 +44,43 @@ protected:
     {
         PELORIN_SKIP_WITHOUT_NETWORKS();
         lab.emplace();
-        host = &lab->addMachine(NatKind::portRestricted);
-        phone = &lab->addMachine(NatKind::portRestricted);
         lab->setQuality({.delay = 10ms, .bitsPerSecond = 50e6}); // 40 ms there and back
-        service.emplace(RendezvousService::Options{.host = NatLab::strangers[0],
-            .relays = {"turn:" + NatLab::relayAddress(0).text(), "turn:" + NatLab::relayAddress(1).text()},
-            .prefix = lab->internet().inside({})});
+        startService();
         desktop.emplace();
         terminal = desktop->launch({"xterm", "-geometry", "200x60+0+0", "-e",
             "sh -c 'exec cat >" + (folder.path() / "typed").string() + "'"});
         ASSERT_TRUE(eventually([&] { return std::filesystem::exists(folder.path() / "typed"); }));
+        phone = &lab->addMachine(NatKind::portRestricted);
+        host = &lab->addMachine(NatKind::portRestricted);
+        ASSERT_NO_FATAL_FAILURE(startHost());
+    }
+    void startService(RendezvousService::Options options = {})
+    {
+        options.host = NatLab::strangers[0];
+        options.relays = {"turn:" + NatLab::relayAddress(0).text(), "turn:" + NatLab::relayAddress(1).text()};
+        options.prefix = lab->internet().inside({});
+        service.emplace(options);
+    }
+    void startHost(std::vector<std::string> environment = {})
+    {
         lab::write(support / "host.json", fmt::format(R"({{"rendezvousURL": "{}"}})", service->url()));
+        environment.push_back("DISPLAY=" + desktop->display());
+        const int before = registrations();
         hostProgram
             = Process::start(host->inside({lab::programPath("pelorin-host"), "--headless", "--support-dir",
                                  support.string(), "--log-dir", folder.path().string()}),
-                {"DISPLAY=" + desktop->display()}, hostLog.string());
-        ASSERT_TRUE(eventually([&] {
-            return lab::contentOf(hostLog).find("registered with the rendezvous service as")
-                != std::string::npos;
-        })) << lab::contentOf(hostLog);
+                std::move(environment), hostLog.string());
+        ASSERT_TRUE(eventually([&] { return registrations() > before; })) << lab::contentOf(hostLog);
+    }
+    int registrations() const
+    {
+        return timesIn(lab::contentOf(hostLog), "registered with the rendezvous service as");
+    }
+    static int timesIn(const std::string& text, const std::string& what)
+    {
+        int times = 0;
+        for (auto at = text.find(what); at != text.npos; at = text.find(what, at + 1)) ++times;
+        return times;
     }
     void TearDown() override
     {
@@ -171,11 +188,7 @@ TEST_F(RemoteSession, comesBackByItselfWithTheNetwork)
     ASSERT_EQ(view({link, "--frames", "1"}).exit, 0);
     const auto log = (folder.path() / "viewer.log").string();
     const auto viewer = startViewer({PairingOffer::parse(link)->hostName()}, log);
-    const auto sessions = [&] { // so far
-        const std::string text = lab::contentOf(log);
-        const std::regex connected("\\[viewer\\] connected to");
-        return std::distance(std::sregex_iterator(text.begin(), text.end(), connected), {});
-    };
+    const auto sessions = [&] { return timesIn(lab::contentOf(log), "[viewer] connected to"); }; // so far
     ASSERT_TRUE(eventually([&] { return sessions() == 1; })) << lab::contentOf(log);
 
     const std::string routes = "ip link set eth0 up\nip route add default via 192.168.1.1 dev eth0 onlink";
@@ -211,6 +224,105 @@ TEST_F(RemoteSession, comesBackByItselfWithTheNetwork)
     const json report = Run{0, lab::contentOf(log)}.report();
     EXPECT_EQ(report["resumes"], 2) << lab::contentOf(log);
     EXPECT_TRUE(report["connect"]["firstPictureMs"].is_number()) << report;
+}
+
+// Every kind once at each end.
+TEST_F(RemoteSession, leadsFromNetworksOfEveryKindToEachOther)
+{
+    hostProgram.reset();
+    const NatKind phoneKinds[] = {NatKind::symmetric, NatKind::udpBlocked, NatKind::portRestricted,
+        NatKind::oneToOne, NatKind::fullCone, NatKind::addressRestricted, NatKind::none};
+    for (std::size_t i = 0; i < lab::allNatKinds.size(); ++i) {
+        const NatKind hostKind = lab::allNatKinds[i];
+        SCOPED_TRACE(fmt::format("{} to {}", nameOf(phoneKinds[i]), nameOf(hostKind)));
+        host = &lab->addMachine(hostKind);
+        phone = &lab->addMachine(phoneKinds[i]);
+        support = folder.path() / fmt::format("support-{}", i);
+        ASSERT_NO_FATAL_FAILURE(startHost());
+        const std::string text = fmt::format("typed_by_{}", i);
+        const Run run = view({pair()["link"].get<std::string>(), "--script", scriptThatTypes(text)});
+        ASSERT_EQ(run.exit, 0) << run.output;
+        EXPECT_TRUE(eventually([&] { return timesIn(typed(), text + "\n") == 1; })) << typed();
+        EXPECT_THAT(run.report()["connect"]["path"].get<std::string>(),
+            StartsWith(lab::allowDirectPath(hostKind, phoneKinds[i]) ? "direct " : "relay "));
+        hostProgram.reset();
+    }
+}
+
+TEST_F(RemoteSession, outlivesTheServiceAndItsRelay)
+{
+    const auto link = pair()["link"].get<std::string>();
+    ASSERT_EQ(view({link, "--frames", "1"}).exit, 0);
+    const struct {
+        const char* name;
+        std::function<void()> lose;
+    } rows[] = {
+        {"service", [&] { service.reset(); }},
+        {"relay", [&] { lab->killRelay(0); }},
+    };
+    for (const auto& [name, lose] : rows) {
+        SCOPED_TRACE(name);
+        const std::string text = name;
+        const auto script = folder.path() / "script";
+        lab::write(script,
+            "expect change 10\ntext " + text + "_before\nkey return\nwait 4000\ntext " + text
+                + "_after\nkey return\nexpect change 10\n");
+        const auto log = (folder.path() / (text + ".log")).string();
+        const auto viewer = startViewer({PairingOffer::parse(link)->hostName(), "--script", script.string()},
+            log, {"PELORIN_FORCE_TURN=1"});
+        ASSERT_TRUE(eventually([&] { return timesIn(typed(), text + "_before\n") == 1; }))
+            << lab::contentOf(log);
+        const auto port = service->port();
+        const int before = registrations();
+        lose();
+        EXPECT_EQ(viewer->waitForExit(60'000), 0) << lab::contentOf(log);
+        EXPECT_TRUE(eventually([&] { return timesIn(typed(), text + "_after\n") == 1; })) << typed();
+        EXPECT_EQ(timesIn(lab::contentOf(log), "[viewer] connected to"), 1)
+            << "the session is still the first";
+        if (service) continue;
+        startService({.port = port});
+        EXPECT_TRUE(eventually([&] { return registrations() > before; })) << lab::contentOf(hostLog);
+    }
+}
+
+TEST_F(RemoteSession, isGrantedToAPairedPhoneOfAnyMakeAndToNobodyElse)
+{
+    const auto log = (folder.path() / "other.log").string();
+    const auto other
+        = Process::start(phone->inside({"/usr/bin/python3", lab::programPath("pelorin-remote-phone"),
+                             pair()["link"].get<std::string>()}),
+            {}, log);
+    EXPECT_EQ(other->waitForExit(60'000), 0) << lab::contentOf(log);
+    const auto devices = json::parse(control({"devices", "--json"}))["devices"];
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0]["name"], "Phone 7");
+}
+
+// The service's certificate is that of an authority which only these programs trust.
+TEST_F(RemoteSession, comesToNobodyButTheServiceOfThatName)
+{
+    const auto file = [&](const char* name) { return (folder.path() / name).string(); };
+    const auto makeCertificate = [&](const std::string& address) {
+        lab::outputOf({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+            "-nodes", "-keyout", file("key.pem"), "-out", file("chain.pem"), "-days", "2", "-subj",
+            "/CN=rendezvous", "-addext", "subjectAltName=IP:" + address});
+    };
+    makeCertificate(NatLab::strangers[0]);
+    const std::string trust = "SSL_CERT_FILE=" + file("chain.pem");
+    hostProgram.reset();
+    startService({.certificate = file("chain.pem"), .key = file("key.pem")});
+    ASSERT_NO_FATAL_FAILURE(startHost({trust}));
+    const auto link = pair()["link"].get<std::string>();
+    EXPECT_EQ(view({link, "--frames", "1"}).exit, cannotConnect) << "who does not trust the authority";
+    const Run paired = view({link, "--script", scriptThatTypes("over_tls")}, {trust});
+    EXPECT_EQ(paired.exit, 0) << paired.output;
+    EXPECT_TRUE(eventually([&] { return timesIn(typed(), "over_tls\n") == 1; }));
+
+    const auto port = service->port();
+    makeCertificate(NatLab::strangers[1]);
+    startService({.port = port, .certificate = file("chain.pem"), .key = file("key.pem")});
+    const Run elsewhere = view({PairingOffer::parse(link)->hostName(), "--frames", "1"}, {trust});
+    EXPECT_EQ(elsewhere.exit, cannotConnect) << "a certificate for another name";
 }
 
 } // namespace
