@@ -54,18 +54,22 @@ void TurnServer::start(const Options& options)
     const auto in = [&](const char* name) { return (folder.path() / name).string(); };
     std::vector<std::string> command = options.prefix;
     // Goes when its parent does, even when that is killed.
-    command.insert(command.end(), {"setpriv", "--pdeathsig", "KILL", "turnserver", "-n"});
     command.insert(command.end(),
-        {"--listening-ip=" + options.host, "--relay-ip=" + options.host,
-            fmt::format("--listening-port={}", listening.port), "--realm=lab.example", "--no-tcp", "--no-tls",
-            "--no-dtls", "--no-tcp-relay", "--no-cli", "--no-rfc5780", "--allow-loopback-peers",
+        {"setpriv", "--pdeathsig", "KILL", "turnserver", "--listening-ip=" + options.host,
+            "--relay-ip=" + options.host, fmt::format("--listening-port={}", listening.port),
             "--relay-threads=1", "--log-file=stdout", "--verbose", "--pidfile=" + in("pid"),
             "--userdb=" + in("users")});
+    if (!options.configuration.empty())
+        command.insert(command.end(), {"-c", options.configuration});
+    else
+        command.insert(command.end(),
+            {"-n", "--realm=lab.example", "--no-tcp", "--no-tls", "--no-dtls", "--no-tcp-relay", "--no-cli",
+                "--no-rfc5780", "--allow-loopback-peers"});
     if (options.user)
         command.insert(command.end(),
             {"--lt-cred-mech",
                 fmt::format("--user={}:{}", options.user->username, options.user->credential)});
-    else
+    else if (options.configuration.empty())
         command.insert(command.end(), {"--use-auth-secret", fmt::format("--static-auth-secret={}", secret)});
     command.insert(command.end(), options.more.begin(), options.more.end());
     running = Process::start(std::move(command), {}, in("turn.log"));

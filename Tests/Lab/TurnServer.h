@@ -13,6 +13,7 @@ public:
         std::string host = "127.0.0.1";
         std::uint16_t port = 0; // 0: a free one
         std::optional<TurnCredentials> user = {}; // the only one, instead of those of the shared secret
+        std::string configuration = {}; // a file; then all but addresses is as it says
         std::vector<std::string> more = {}; // further options of turnserver
         std::vector<std::string> prefix = {}; // what runs it, such as nsenter with its arguments
     };

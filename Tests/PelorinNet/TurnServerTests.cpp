@@ -1,6 +1,7 @@
 #include "PelorinNet/Path/StunBinder.h"
 #include "PelorinNet/Path/TurnClient.h"
 #include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Lab/BuildFolder.h"
 #include "Tests/Lab/TurnServer.h"
 #include "Tests/Lab/Wait.h"
 #include "Tests/PelorinNet/RawUDP.h"
@@ -185,6 +186,40 @@ TEST_F(RealRelay, isFoundAmongDeadAddresses)
     allocate(*client);
     EXPECT_TRUE(client->relayed());
     EXPECT_EQ(client->server(), server.address());
+}
+
+// With the configuration that we ship, and the secret put in as its guide says.
+TEST_F(RealRelay, isNoWayIntoTheNetworkAroundIt)
+{
+    const lab::TemporaryFolder folder;
+    std::string configuration = lab::contentOf(lab::sourcePath("Packaging/rendezvous/turnserver.conf"));
+    const std::string placeholder = "REPLACE-WITH-THE-SECRET";
+    const auto at = configuration.find(placeholder);
+    ASSERT_NE(at, configuration.npos);
+    lab::write(
+        folder.path() / "turnserver.conf", configuration.replace(at, placeholder.size(), TurnServer::secret));
+    const TurnServer server(
+        TurnServer::Options{.configuration = (folder.path() / "turnserver.conf").string()});
+    const auto client = makeClient(server);
+    const auto relayed = allocate(*client);
+    ASSERT_THAT(relayed, StartsWith("127.0.0.1:")) << server.log();
+
+    const auto permit = [&](const char* address) {
+        const auto peer = SocketAddress::parse(address, 7'000);
+        EXPECT_TRUE(peer) << address;
+        return outcome([&](auto done) { client->createPermission(*peer, std::move(done)); });
+    };
+    for (const char* inside :
+        {"0.0.0.0", "10.0.0.1", "10.255.255.255", "100.64.0.1", "127.0.0.1", "127.9.9.9", "169.254.169.254",
+            "172.16.0.1", "172.31.255.255", "192.168.1.1", "198.18.0.1", "224.0.0.1", "255.255.255.255"})
+        EXPECT_THAT(permit(inside), StartsWith("createPermission failed: 403")) << inside;
+    // The allocation is one of IPv4, which alone keeps these out (443); what else does is the same list.
+    for (const char* inside : {"::", "::1", "::ffff:127.0.0.1", "::ffff:10.0.0.1", "::7f00:1",
+             "64:ff9b::7f00:1", "2002:7f00:1::", "fc00::1", "fd12::1", "fe80::1", "ff02::1"})
+        EXPECT_THAT(permit(inside), StartsWith("createPermission failed: 4")) << inside;
+    for (const char* outside : {"9.255.255.255", "11.0.0.0", "100.63.255.255", "100.128.0.0",
+             "172.15.255.255", "172.32.0.0", "192.167.255.255", "198.51.100.2", "223.255.255.255"})
+        EXPECT_EQ(permit(outside), "") << outside;
 }
 
 TEST_F(RealRelay, tellsHowItSeesOurSocket)
