@@ -4,6 +4,7 @@
 #include "PelorinNet/Identity/KeyFingerprint.h"
 #include "PelorinNet/Identity/VerifyingKey.h"
 #include "PelorinNet/Queue/ManualQueues.h"
+#include "Tests/Lab/Memory.h"
 #include "Tests/Peers/ScriptedService.h"
 #include "Tests/PelorinNet/QuicPeers.h"
 
@@ -96,6 +97,28 @@ TEST_F(HostRegistrationTest, provesItsKey)
     say({{"no", "type"}});
     say({{"type", "connect"}});
     EXPECT_THAT(messages, ElementsAre("connect"));
+}
+
+// Cut off once an hour.
+TEST_F(HostRegistrationTest, staysForADayAndHoldsOnToNothing)
+{
+    begin();
+    std::ptrdiff_t afterTwoHours = 0;
+    int pings = 0;
+    for (int hour = 0; hour < 24; ++hour) {
+        enter();
+        queues.advance(1h);
+        EXPECT_TRUE(registration->isRegistered());
+        pings += service.line().pings;
+        cut();
+        EXPECT_LE(pause(), 2s);
+        service.lines.erase(service.lines.begin(), service.lines.end() - 1);
+        logged.clear();
+        if (hour == 1) afterTwoHours = lab::heapInUse();
+    }
+    EXPECT_NEAR(pings, 24 * 240, 24);
+    EXPECT_LE(lab::heapInUse() - afterTwoHours, 8 * 1024);
+    EXPECT_EQ(linkEnds, 24);
 }
 
 TEST_F(HostRegistrationTest, beginsAnewWhenItIsNotTaken)

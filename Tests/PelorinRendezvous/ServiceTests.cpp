@@ -1,3 +1,4 @@
+#include "Tests/Lab/Memory.h"
 #include "Tests/PelorinRendezvous/ServicePeers.h"
 
 #include "PelorinNet/Stun/HmacSHA1.h"
@@ -305,6 +306,39 @@ TEST(RendezvousService, waitsForNobodyLongerThanItSays)
     peers.queues.advance(31s); // a minute of the first host's silence
     EXPECT_THAT(peers.read(host.connection), ElementsAre("close 1008"));
     EXPECT_FALSE(peers.isOver(busy.connection));
+}
+
+// One host and its phone that stay for a day, and another phone from somewhere else every minute.
+TEST(RendezvousService, holdsOnToNothingThroughADay)
+{
+    ServicePeers peers;
+    ServicePeers::Host host;
+    peers.enter(host);
+    const auto settle = [&](ConnectionID phone) {
+        const auto session = peers.ask(phone, host);
+        peers.say(host.connection, {{"type", "accept"}, {"session", session}, {"response", json::object()}});
+        EXPECT_THAT(peers.read(phone), ElementsAre(HasSubstr("accept")));
+    };
+    const auto staying = peers.phoneFor(host.id);
+    settle(staying);
+    std::ptrdiff_t afterAnHour = 0;
+    for (int minute = 0; minute < 24 * 60; ++minute) {
+        const auto passing
+            = peers.phoneFor(host.id, fmt::format("10.{}.{}.1", minute / 250, minute % 250).c_str());
+        settle(passing);
+        peers.hangUp(passing);
+        ASSERT_THAT(peers.read(host.connection), ElementsAre(HasSubstr("closed")));
+        for (int i = 0; i < 4; ++i) {
+            peers.queues.advance(15s);
+            for (const auto id : {host.connection, staying}) {
+                peers.type(id, ServicePeers::frame("ping"));
+                ASSERT_THAT(peers.read(id), ElementsAre("pong")) << minute;
+            }
+        }
+        if (minute == 60) afterAnHour = lab::heapInUse();
+    }
+    EXPECT_LE(lab::heapInUse() - afterAnHour, 8 * 1024);
+    EXPECT_FALSE(peers.isOver(staying));
 }
 
 TEST(RendezvousService, bearsOnlySoMuchOfOneSource)
