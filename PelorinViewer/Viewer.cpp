@@ -287,7 +287,10 @@ void Viewer::showed(const ReceivedPicture& picture)
     if (!report.firstPictureMs)
         report.firstPictureMs
             = std::chrono::duration<double, std::milli>(picture.decodedAt - startedAt).count();
-    if (!report.connect.firstPicture) report.connect.firstPicture = picture.decodedAt - attemptedAt;
+    if (!report.connect.firstPicture) {
+        report.connect.firstPicture = picture.decodedAt - attemptedAt;
+        log.info("first picture");
+    }
     last = picture.picture;
     ++frames;
     if (options.isHeadless) session->drew({}); // nothing is drawn, which takes no time

@@ -1,6 +1,7 @@
-// What a host costs a node of the rendezvous service and its broker, and what a phone's request costs one
-// node and three, as JSON. Arguments: hosts, requests. Peers run in this process, so rates are those of a
-// machine that does both; the processor time of service and broker is theirs alone.
+// What a host costs a node of the rendezvous service and its broker, plain and over TLS, and what a phone's
+// request costs one node, alone and beside idle hosts, and three, as JSON. Arguments: hosts, requests. Peers
+// run in this process, so rates are those of a machine that does both; the processor time of service and
+// broker is theirs alone.
 
 #include "PelorinCore/Pairing/Base64URL.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
@@ -17,6 +18,7 @@
 #include <fmt/format.h>
 #include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
+#include <openssl/ssl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -26,12 +28,20 @@ namespace pelorin {
 namespace {
 using nlohmann::json;
 
-constexpr int phoneThreads = 64; // so many requests are under way at once
+constexpr std::size_t crowd = 64; // so many requests are under way at once
+constexpr int timedRegistrations = 4'000;
+constexpr rlim_t descriptors = 100'000;
 
-// A blocking WebSocket client with no more than messages under 64 KiB.
+struct TlsFree {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+    void operator()(SSL* tls) const { SSL_free(tls); }
+};
+using TlsContext = std::unique_ptr<SSL_CTX, TlsFree>;
+
+// A blocking WebSocket client with no more than messages under 64 KiB; over TLS with a context.
 class Line {
 public:
-    Line(std::uint16_t port, const std::string& target)
+    Line(std::uint16_t port, const std::string& target, SSL_CTX* context = nullptr)
         : descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_in address{};
@@ -44,6 +54,11 @@ public:
         ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
         require(::connect(descriptor.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
             "the service takes a connection");
+        if (context) {
+            tls.reset(SSL_new(context));
+            SSL_set_fd(tls.get(), descriptor.get());
+            require(SSL_connect(tls.get()) == 1, "a TLS handshake");
+        }
         write(
             fmt::format("GET {} HTTP/1.1\r\nHost: localhost\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
                         "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n",
@@ -79,13 +94,15 @@ public:
 private:
     void write(const std::string& bytes)
     {
-        require(::send(get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()),
-            "the service reads");
+        const auto sent = tls ? SSL_write(tls.get(), bytes.data(), static_cast<int>(bytes.size()))
+                              : ::send(get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        require(sent == static_cast<ssize_t>(bytes.size()), "the service reads");
     }
     void receive()
     {
         std::array<char, 4096> buffer;
-        const auto count = ::recv(get(), buffer.data(), buffer.size(), 0);
+        const auto count = tls ? SSL_read(tls.get(), buffer.data(), static_cast<int>(buffer.size()))
+                               : ::recv(get(), buffer.data(), buffer.size(), 0);
         require(count > 0, "the service goes on");
         received.append(buffer.data(), static_cast<std::size_t>(count));
     }
@@ -107,6 +124,7 @@ private:
     }
 
     OwnedDescriptor descriptor;
+    std::unique_ptr<SSL, TlsFree> tls; // goes before the descriptor
     std::string received;
 };
 
@@ -115,10 +133,10 @@ struct Host {
     std::string id;
 };
 
-Host registeredHost(std::uint16_t port)
+Host registeredHost(std::uint16_t port, SSL_CTX* context = nullptr)
 {
     const SigningKey key = SigningKey::generate().value();
-    Host host{Line(port, "/v1/host"), KeyFingerprint::hostID(key.publicKey())};
+    Host host{Line(port, "/v1/host", context), KeyFingerprint::hostID(key.publicKey())};
     const auto text
         = fmt::format("pelorin-host-v1|{}|{}", host.id, host.line.hear()["nonce"].get<std::string>());
     host.line.say(json{{"type", "register"}, {"publicKey", base64EncodedString(key.publicKey())},
@@ -190,9 +208,10 @@ double processorSeconds(const lab::Process& process)
     return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-std::unique_ptr<lab::RendezvousService> startNode(const lab::NatsServer* broker)
+std::unique_ptr<lab::RendezvousService> startNode(
+    const lab::NatsServer* broker, lab::RendezvousService::Options options = {})
 {
-    lab::RendezvousService::Options options;
+    options.logLevel = "info";
     for (const char* limit :
         {"--connections-per-source", "--requests-per-minute", "--registrations-per-minute"})
         options.more.insert(options.more.end(), {limit, "1000000"});
@@ -204,36 +223,71 @@ std::unique_ptr<lab::RendezvousService> startNode(const lab::NatsServer* broker)
     return node;
 }
 
-// Of memory, KiB for each idle host; and how many registered in a second.
-json idleHosts(int count, bool hasBroker)
+long kernelKiB() // of which sockets are made
 {
-    std::optional<lab::NatsServer> broker;
-    if (hasBroker) broker.emplace();
-    const auto node = startNode(broker ? &*broker : nullptr);
-    {
-        const Host first = registeredHost(node->port());
-    } // what is made once
-    const long before = node->process().residentKiB();
-    const long brokerBefore = broker ? broker->process().residentKiB() : 0;
-    const double processorBefore = processorSeconds(node->process());
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<Host> hosts;
-    for (int i = 0; i < count; ++i) hosts.push_back(registeredHost(node->port()));
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::this_thread::sleep_for(std::chrono::seconds(2)); // the broker's share is granted behind
-    json result{{"nodeKiBPerHost", static_cast<double>(node->process().residentKiB() - before) / count},
-        {"registrationsPerSecond", count / seconds},
-        {"nodeProcessorMicrosPerRegistration",
-            (processorSeconds(node->process()) - processorBefore) * 1e6 / count}};
-    const double processorBeforePings = processorSeconds(node->process());
+    const std::string text = lab::contentOf("/proc/meminfo");
+    return std::atol(text.c_str() + text.find("Slab:") + 5);
+}
+
+void ping(std::vector<Host>& hosts)
+{
     for (Host& host : hosts) host.line.say("ping");
     for (Host& host : hosts) require(host.line.hearText() == "pong", "a ping is answered");
-    result["nodeProcessorMicrosPerPing"]
-        = (processorSeconds(node->process()) - processorBeforePings) * 1e6 / count;
-    if (broker)
-        result["brokerKiBPerHost"]
-            = static_cast<double>(broker->process().residentKiB() - brokerBefore) / count;
+}
+
+// Of memory, KiB for each idle host; and how many registered in a second. Their lines stay in hosts.
+json idleHosts(
+    int count, const lab::RendezvousService& node, std::vector<Host>& hosts, SSL_CTX* context = nullptr)
+{
+    auto& process = node.process();
+    {
+        const Host first = registeredHost(node.port(), context);
+    } // what is made once
+    const long before = process.residentKiB();
+    const long kernelBefore = kernelKiB();
+    const double processorBefore = processorSeconds(process);
+    const auto start = std::chrono::steady_clock::now();
+    const int timed = std::min(count, timedRegistrations);
+    for (int i = 0; i < timed; ++i) hosts.push_back(registeredHost(node.port(), context));
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double used = processorSeconds(process) - processorBefore;
+    for (int i = timed; i < count; ++i) {
+        if (i % timedRegistrations == 0) ping(hosts); // the first must not be silent for a minute
+        hosts.push_back(registeredHost(node.port(), context));
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(2)); // the broker's share is granted behind
+    json result{{"nodeKiBPerHost", static_cast<double>(process.residentKiB() - before) / count},
+        {"kernelKiBPerSocket", static_cast<double>(kernelKiB() - kernelBefore) / (2 * count)},
+        {"registrationsPerSecond", timed / seconds},
+        {"nodeProcessorMicrosPerRegistration", used * 1e6 / timed}};
+    const double processorBeforePings = processorSeconds(process);
+    ping(hosts);
+    result["nodeProcessorMicrosPerPing"] = (processorSeconds(process) - processorBeforePings) * 1e6 / count;
     return result;
+}
+
+json idleInCluster(int count)
+{
+    const lab::NatsServer broker;
+    const auto node = startNode(&broker);
+    const long before = broker.process().residentKiB();
+    std::vector<Host> hosts;
+    json result = idleHosts(count, *node, hosts);
+    result["brokerKiBPerHost"] = static_cast<double>(broker.process().residentKiB() - before) / count;
+    return result;
+}
+
+json idleOverTLS(int count)
+{
+    const lab::TemporaryFolder folder;
+    const auto key = (folder.path() / "key.pem").string();
+    const auto chain = (folder.path() / "chain.pem").string();
+    lab::outputOf({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+        "-nodes", "-keyout", key, "-out", chain, "-days", "2", "-subj", "/CN=localhost"});
+    const auto node = startNode(nullptr, {.certificate = chain, .key = key});
+    const TlsContext context(SSL_CTX_new(TLS_client_method()));
+    std::vector<Host> hosts;
+    return idleHosts(count, *node, hosts, context.get());
 }
 
 double quantile(std::vector<double>& values, double part)
@@ -242,13 +296,16 @@ double quantile(std::vector<double>& values, double part)
     return values[static_cast<std::size_t>(part * static_cast<double>(values.size() - 1))];
 }
 
-// Phones come to any node; the part of them whose host is there, too, is as it falls.
-json requests(int count, std::size_t nodeCount)
+// Phones come to any node, so many at once; the part of them whose host is there, too, is as it falls.
+json requests(int count, std::size_t nodeCount, std::size_t phoneThreads, int idleCount = 0)
 {
     std::optional<lab::NatsServer> broker;
     if (nodeCount > 1) broker.emplace();
     std::vector<std::unique_ptr<lab::RendezvousService>> nodes;
     for (std::size_t i = 0; i < nodeCount; ++i) nodes.push_back(startNode(broker ? &*broker : nullptr));
+    std::vector<Host> idle;
+    json result;
+    if (idleCount > 0) result["idle"] = idleHosts(idleCount, *nodes[0], idle);
     std::vector<Host> hosts;
     for (int i = 0; i < 300; ++i) hosts.push_back(registeredHost(nodes[i % nodeCount]->port()));
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -261,7 +318,7 @@ json requests(int count, std::size_t nodeCount)
     for (const auto& node : nodes) before.push_back(processorSeconds(node->process()));
     const double brokerBefore = broker ? processorSeconds(broker->process()) : 0;
     const auto start = std::chrono::steady_clock::now();
-    std::array<std::vector<double>, phoneThreads> times;
+    std::vector<std::vector<double>> times(phoneThreads);
     std::atomic<int> next = 0;
     std::vector<std::function<void()>> works;
     for (auto& own : times)
@@ -284,10 +341,13 @@ json requests(int count, std::size_t nodeCount)
     }
     std::vector<double> joined;
     for (const auto& own : times) joined.insert(joined.end(), own.begin(), own.end());
-    json result{{"nodes", nodeCount}, {"requestsPerSecond", count / seconds},
-        {"p50Ms", quantile(joined, 0.5)}, {"p99Ms", quantile(joined, 0.99)},
-        {"nodesProcessorMicrosPerRequest", all * 1e6 / count},
-        {"busiestNodeProcessorMicrosPerRequest", busiest * 1e6 / count}};
+    result["nodes"] = nodeCount;
+    result["atOnce"] = phoneThreads;
+    result["requestsPerSecond"] = count / seconds;
+    result["p50Ms"] = quantile(joined, 0.5);
+    result["p99Ms"] = quantile(joined, 0.99);
+    result["nodesProcessorMicrosPerRequest"] = all * 1e6 / count;
+    result["busiestNodeProcessorMicrosPerRequest"] = busiest * 1e6 / count;
     if (broker)
         result["brokerProcessorMicrosPerRequest"]
             = (processorSeconds(broker->process()) - brokerBefore) * 1e6 / count;
@@ -298,12 +358,15 @@ int main(int argumentCount, char** arguments)
 {
     const int hosts = argumentCount > 1 ? std::atoi(arguments[1]) : 20'000;
     const int requestCount = argumentCount > 2 ? std::atoi(arguments[2]) : 20'000;
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    const json result{{"idleAlone", idleHosts(hosts, false)}, {"idleInCluster", idleHosts(hosts, true)},
-        {"oneNode", requests(requestCount, 1)}, {"threeNodes", requests(requestCount, 3)}};
+    rlimit limit{descriptors, descriptors};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) { // without privileges: as many as there may be
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    const json result{{"besideIdleHosts", requests(requestCount, 1, 4, hosts)},
+        {"idleOverTLS", idleOverTLS(hosts)}, {"idleInCluster", idleInCluster(hosts)},
+        {"oneNode", requests(requestCount, 1, crowd)}, {"threeNodes", requests(requestCount, 3, crowd)}};
     fmt::print("{}\n", result.dump(2));
     return 0;
 }

@@ -36,7 +36,9 @@ protected:
         json report() const
         {
             const auto begin = output.find("{\n");
-            return begin == std::string::npos ? json() : json::parse(output.substr(begin), nullptr, false);
+            if (begin == std::string::npos) return {};
+            const auto size = output.find("\n}\n", begin) + 2 - begin; // the log may go on after it
+            return json::parse(output.substr(begin, size), nullptr, false);
         }
     };
 

@@ -14,7 +14,7 @@ public:
 
     // "nats://127.0.0.1:4222"; user: "name:password".
     std::string url(const std::string& user = {}, const char* scheme = "nats") const;
-    Process& process() { return *running; }
+    Process& process() const { return *running; }
     void kill(); // at once, as a machine that fails
     void startAgain();
     std::string log() const { return contentOf(folder.path() / "nats.log"); }

@@ -16,7 +16,7 @@ RendezvousService::RendezvousService(const Options& options)
     std::vector<std::string> command = options.prefix;
     // Goes when its parent does, even when that is killed.
     command.insert(command.end(),
-        {"setpriv", "--pdeathsig", "KILL", programPath("pelorin-rendezvous"), "--log-level", "debug",
+        {"setpriv", "--pdeathsig", "KILL", programPath("pelorin-rendezvous"), "--log-level", options.logLevel,
             "--listen", fmt::format("{}:{}", host, options.port)});
     if (hasTLS)
         command.insert(command.end(), {"--tls-cert", options.certificate, "--tls-key", options.key});

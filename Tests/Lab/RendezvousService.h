@@ -16,6 +16,7 @@ public:
         std::vector<std::string> relays = {}; // "turn:192.0.2.7:3478", of a TurnServer with its shared secret
         std::string certificate = {}; // PEM files; none: without TLS
         std::string key = {};
+        std::string logLevel = "debug"; // what is less than info costs time that is measured
         std::vector<std::string> more = {}; // further options of pelorin-rendezvous
         std::vector<std::string> prefix = {}; // what runs it, such as nsenter with its arguments
     };
@@ -25,7 +26,7 @@ public:
 
     std::uint16_t port() const { return listenPort; }
     std::string url() const; // "http://127.0.0.1:7443", as in host.json
-    Process& process() { return *running; }
+    Process& process() const { return *running; }
     std::string log() const { return contentOf(folder.path() / "rendezvous.log"); }
 
 private:
