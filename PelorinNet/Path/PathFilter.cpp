@@ -5,6 +5,8 @@
 namespace pelorin {
 namespace {
 
+constexpr std::uint16_t firstUserPort = 1024; // below it no relay allocates, and services listen
+
 // A single machine elsewhere, as far as the address tells (RFC 6890).
 bool isUnicast(const SocketAddress& address)
 {
@@ -42,7 +44,9 @@ bool PathFilter::mayCheck(const SocketAddress& peer) const
 
 bool PathFilter::mayCheckRelay(const SocketAddress& peer) const
 {
-    return isUnicast(peer) && std::ranges::find(servers, peer) == servers.end();
+    return isUnicast(peer) && std::ranges::none_of(servers, [&](const SocketAddress& server) {
+        return server == peer || (isSameHost(server, peer) && peer.port < firstUserPort);
+    });
 }
 
 bool PathFilter::mayRelayTo(const SocketAddress& peer, const SocketAddress& relay) const

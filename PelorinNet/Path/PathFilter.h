@@ -15,8 +15,8 @@ public:
 
     // Straight from our socket: IPv4 unicast, not our own machine, not link-local, not at a relay of ours.
     bool mayCheck(const SocketAddress& peer) const;
-    // Straight from our socket, to an address that a relay gave the peer: it may be a relay that we use as
-    // well.
+    // Straight from our socket, to an address that a relay gave the peer: it may be on a machine that serves
+    // us as well, but there neither where that listens nor at a port of the system's services.
     bool mayCheckRelay(const SocketAddress& peer) const;
     // Through a relay: the same, and a private network only when the relay itself is in one.
     bool mayRelayTo(const SocketAddress& peer, const SocketAddress& relay) const;

@@ -56,7 +56,7 @@ struct StunMessage {
         bool operator==(const Attribute&) const = default;
     };
     struct ErrorCode {
-        int code = 0; // 300...799
+        int code = 0; // 0...955 as it is coded, 300...699 of a peer in its right mind
         std::string reason; // UTF-8, repaired where it was not
     };
 

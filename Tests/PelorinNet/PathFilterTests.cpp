@@ -21,6 +21,7 @@ TEST(PathFilter, sendsOnlyWhereAPeerCanBe)
         {"172.32.0.1", 1, true, true, true, true}, {"100.64.0.1", 1, true, true, false, true},
         {"100.128.0.1", 1, true, true, true, true}, {"223.255.255.255", 65535, true, true, true, true},
         {"198.51.100.3", 3478, false, false, false, false}, // the server itself
+        {"198.51.100.3", 22, false, false, false, false}, {"198.51.100.3", 1023, false, false, false, false},
         {"198.51.100.3", 49152, false, true, true, true}, // what it gave to the peer
         {"203.0.113.7", 0, false, false, false, false}, {"0.0.0.0", 9, false, false, false, false},
         {"0.1.2.3", 9, false, false, false, false}, {"127.0.0.1", 9, false, false, false, false},
