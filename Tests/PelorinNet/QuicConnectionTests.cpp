@@ -247,12 +247,18 @@ TEST_F(QuicConnections, loseNothingToStreamsThatAreGivenUpBeforeAnybodyTookThem)
 {
     connectOver({.delay = 1ms});
     host().connection->onStream = nullptr;
-    for (int i = 0; i < 200; ++i) {
-        auto& given = phone.open();
-        given.channel->send(Bytes(300'000));
-        queues.advance(20ms);
-        phone.streams.pop_back();
-        queues.advance(10ms);
+    const struct {
+        int rounds, streams;
+        std::size_t bytes;
+        Duration time;
+    } rows[] = {{200, 1, 300'000, 20ms}, {100'000 / 16, 16, 1, 3ms}};
+    for (const auto& [rounds, count, bytes, time] : rows) {
+        for (int i = 0; i < rounds; ++i) {
+            for (int each = 0; each < count; ++each) phone.open().channel->send(Bytes(bytes));
+            queues.advance(time);
+            phone.streams.clear();
+            queues.advance(time);
+        }
     }
     int came = 0;
     host().connection->onStream = [&](auto channel) {
