@@ -398,6 +398,7 @@ void PathSetup::chosen(const PathLink& link)
         return finish(label);
     }
     log.info("path: {} ({})", label, proxy->statistics());
+    if (isBreakDue) breakRelay();
     if (onPathChange) onPathChange(label);
 }
 
@@ -422,7 +423,7 @@ bool PathSetup::hasDirectPath() const
 void PathSetup::networkChanged()
 {
     queue->assertCurrent();
-    if (!puncher->remote) return;
+    if (!puncher || !puncher->remote) return;
     links->suspectAll();
     if (switches.forceTurn) return;
     for (const Candidate& candidate : hostCandidates(proxy->network().localAddress().port))
@@ -430,6 +431,14 @@ void PathSetup::networkChanged()
     searches = 0;
     learnReflexive();
     punch();
+}
+
+void PathSetup::renewCredentials(TurnCredentials fresh)
+{
+    queue->assertCurrent();
+    if (!credentials) return;
+    credentials = std::move(fresh);
+    for (const auto& relay : relays) relay->setCredentials(*credentials);
 }
 
 std::optional<std::string> PathSetup::label() const
@@ -445,14 +454,32 @@ std::string PathSetup::statistics() const
 
 void PathSetup::finish(Result<std::string, NetError> result)
 {
+    if (!completion) return;
     deadline.cancel();
-    if (completion) std::exchange(completion, {})(std::move(result));
+    if (!result) release();
+    std::exchange(completion, {})(std::move(result));
+}
+
+// Nobody is to go on knocking at the peer's door, or to hold a relay, for a session that there is not.
+void PathSetup::release()
+{
+    lifetime.end();
+    backupTimer.cancel();
+    punchTimer.cancel();
+    relays.clear();
+    links.reset();
+    puncher.reset();
+    binder.reset();
+    pipe = {};
+    proxy->network().close();
+    proxy->local().close();
 }
 
 void PathSetup::breakRelay()
 {
     const PathLink* link = links->chosen();
-    if (!link || !link->way().turn) return;
+    isBreakDue = !link || !link->way().turn;
+    if (isBreakDue) return;
     log.warning("test: dropping everything sent through {}", link->label());
     proxy->blockedTurn = link->way().turn;
 }

@@ -25,7 +25,7 @@ public:
     struct Switches {
         bool forceTurn = false; // PELORIN_FORCE_TURN: no direct path, and no address of ours is told
         std::optional<std::chrono::seconds>
-            breakAfter; // PELORIN_TEST_BREAK_AFTER: then the relay in use goes deaf
+            breakAfter; // PELORIN_TEST_BREAK_AFTER: then the relay in use, or the next one, goes deaf
         static Switches fromEnvironment();
     };
     using Completion = std::function<void(Result<std::string, NetError>)>;
@@ -42,10 +42,13 @@ public:
     // What the peer must be told before its start; what turns up later goes through the pipe.
     PathDescription local();
     // Looks for a path to remote, with relays if there are credentials. completion gets the path's label
-    // within 15 s, or why there is none.
+    // within 15 s, or why there is none; then all is closed and given back.
     void start(
         PathDescription remote, std::optional<TurnCredentials> turn, SignalPipe pipe, Completion completion);
     std::function<void(const std::string& label)> onPathChange; // after completion
+
+    // For relays that have to be allocated anew: what start was given does not last for ever.
+    void renewCredentials(TurnCredentials fresh);
 
     // Where QUIC sends to, on 127.0.0.1. A listener must be named before its peer's first datagram can reach
     // it; a connecting endpoint is learned from its first datagram.
@@ -89,6 +92,7 @@ private:
     void fell(const PathLink& link);
     bool hasDirectPath() const;
     void finish(Result<std::string, NetError> result);
+    void release();
     void breakRelay();
 
     const QueueRef queue;
@@ -118,6 +122,7 @@ private:
     Subscription punchTimer; // the next search for a direct path
     int searches = 0; // since there was last a direct path
     Subscription breakTimer;
+    bool isBreakDue = false; // since then no relay has been in use
     Log log{"path"};
     Lifetime lifetime;
 };

@@ -133,6 +133,12 @@ void Relay::renew()
     for (const Peer& peer : peers) bind(peer);
 }
 
+void Relay::setCredentials(TurnCredentials fresh)
+{
+    queue->assertCurrent();
+    credentials = std::move(fresh);
+}
+
 void Relay::distrust()
 {
     queue->assertCurrent();

@@ -31,6 +31,7 @@ public:
     // Opens a channel there, now or once there is an allocation. Of more than 16 the oldest that is not
     // needed is renewed no more.
     void reach(const SocketAddress& peer);
+    void setCredentials(TurnCredentials fresh); // of the next allocation; one that stands keeps its own
     void distrust(); // its paths are dead: is the allocation?
 
     const std::string& name() const { return server.host; }
@@ -56,7 +57,7 @@ private:
     const QueueRef queue;
     const PathServers::Lookup lookup;
     const PathServers::Server server;
-    const TurnCredentials credentials;
+    TurnCredentials credentials; // the latest
     const std::string candidateType;
 
     // Of the peer, in the order they became known. A channel's number is never used again, for the relay

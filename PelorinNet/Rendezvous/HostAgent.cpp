@@ -34,6 +34,15 @@ std::string keyOf(const ConnectRequest& request)
     return {request.clientKeyHash.begin(), request.clientKeyHash.end()};
 }
 
+// Where phones ask for that host, at the service that it is registered with.
+std::optional<std::string> phonesURL(std::string_view registrationURL, const std::string& hostID)
+{
+    constexpr std::string_view path = "v1/host";
+    if (!registrationURL.ends_with(path)) return std::nullopt;
+    registrationURL.remove_suffix(path.size());
+    return std::string(registrationURL) + "v1/connect/" + hostID;
+}
+
 json memberOf(const json& message, const char* key)
 {
     return message.contains(key) ? message[key] : json();
@@ -208,6 +217,8 @@ void HostAgent::opened(const std::string& id, const ConnectRequest& request,
     log.info("{}: connect request", session.phone().name);
     tell(session, {{"type", "accept"}, {"session", id}, {"response", std::move(response)}});
     session.start(request.remote, turn);
+    const auto url = phonesURL(registration.url(), hostID);
+    if (turn && url) session.renewCredentials(means.makeSocket, *url);
 }
 
 void HostAgent::tell(const Session& session, const json& message)

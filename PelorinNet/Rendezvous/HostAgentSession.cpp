@@ -75,6 +75,14 @@ void HostAgent::Session::start(PathDescription remote, std::optional<TurnCredent
     });
 }
 
+void HostAgent::Session::renewCredentials(RendezvousSocketMaker makeSocket, std::string url)
+{
+    renewal = std::make_unique<CredentialRenewal>(queue, std::move(makeSocket), std::move(url));
+    renewal->onFresh = [this](const TurnCredentials& fresh) {
+        setup.run([fresh](PathSetup& running) { running.renewCredentials(fresh); });
+    };
+}
+
 void HostAgent::Session::deliver(json data)
 {
     inbox->deliver(std::move(data));

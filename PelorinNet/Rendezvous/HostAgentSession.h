@@ -2,6 +2,7 @@
 
 #include "PelorinNet/Channel/PathChannel.h"
 #include "PelorinNet/Queue/Confined.h"
+#include "PelorinNet/Rendezvous/CredentialRenewal.h"
 #include "PelorinNet/Rendezvous/HostAgent.h"
 
 #include <mutex>
@@ -58,6 +59,7 @@ public:
     // Opens the sockets; done gets what the phone must know, or why there are none.
     void open(std::uint16_t listenerPort, std::function<void(Result<PathDescription, NetError>)> done);
     void start(PathDescription remote, std::optional<TurnCredentials> turn);
+    void renewCredentials(RendezvousSocketMaker makeSocket, std::string url); // as CredentialRenewal does
     void deliver(nlohmann::json data); // the phone's word
     void adopt(std::unique_ptr<PelorinQUIC::Connection> connection);
     void networkChanged();
@@ -92,6 +94,7 @@ private:
     std::vector<std::unique_ptr<PelorinQUIC::Connection>> connections;
     std::vector<std::unique_ptr<Channel>> waitingStreams; // came before our end knew of the path
     bool streamArrived = false;
+    std::unique_ptr<CredentialRenewal> renewal;
     Subscription patience; // for a first stream
     Log log{"rendezvous"};
     Lifetime lifetime;

@@ -66,7 +66,7 @@ void HostRegistration::connect()
 {
     retry.cancel();
     ++socketNumber;
-    socket = makeSocket(queue, settings.urls[attempt % settings.urls.size()]);
+    socket = makeSocket(queue, url());
     socket->open([this](const Result<void, NetError>& opened) {
         if (!opened) return lost(opened.error().description);
         await(&HostRegistration::challenged);

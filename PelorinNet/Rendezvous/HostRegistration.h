@@ -33,6 +33,7 @@ public:
     void send(const nlohmann::json& message); // lost while there is no registration
     // Which registration this is; the service knows of a session only in the one that it began in.
     int number() const { return socketNumber; }
+    const std::string& url() const { return settings.urls[attempt % settings.urls.size()]; } // of the service
     bool isRegistered() const { return watchdog.operator bool(); }
 
 private:

@@ -70,6 +70,7 @@ PhoneConnector::~PhoneConnector()
 {
     if (!setup) return;
     lifetime.end(); // nobody is called back from here on
+    renewal.reset();
     stream.reset();
     const auto farewell = std::make_shared<Farewell>(std::move(setup), std::move(connection));
     queue->postAfter(streamFarewell, [farewell] { farewell->connection.reset(); });
@@ -210,7 +211,15 @@ void PhoneConnector::pathReady(const Result<std::string, NetError>& result)
     if (!result) return fail(Failure::Kind::noPath, "no path to the host: " + result.error().description);
     done.path = sinceStart();
     label->change(*result);
+    if (turn) renewCredentials();
     connect();
+}
+
+void PhoneConnector::renewCredentials()
+{
+    const auto url = rendezvousURL(place.service, "v1/connect/" + place.hostID);
+    renewal = std::make_unique<CredentialRenewal>(queue, means.makeSocket, *url);
+    renewal->onFresh = [this](const TurnCredentials& fresh) { setup->renewCredentials(fresh); };
 }
 
 void PhoneConnector::connect()

@@ -3,6 +3,7 @@
 #include "PelorinNet/Channel/PathChannel.h"
 #include "PelorinNet/Channel/PelorinQUIC.h"
 #include "PelorinNet/Rendezvous/ConnectRequest.h"
+#include "PelorinNet/Rendezvous/CredentialRenewal.h"
 #include "PelorinNet/Rendezvous/RendezvousSocket.h"
 
 #include <atomic>
@@ -89,6 +90,7 @@ private:
     void accepted(const nlohmann::json& response);
     void signalled(const nlohmann::json& message);
     void pathReady(const Result<std::string, NetError>& result);
+    void renewCredentials();
     void connect();
     void pathChanged(const std::string& newLabel);
     void secured();
@@ -108,6 +110,7 @@ private:
     Subscription keepAlive; // of the socket, by which both ends tell of new addresses while the session lives
     std::unique_ptr<PathSetup> setup;
     std::optional<TurnCredentials> turn;
+    std::unique_ptr<CredentialRenewal> renewal; // of turn, while there is a path
     std::shared_ptr<SignalInbox> inbox = std::make_shared<SignalInbox>();
     std::shared_ptr<PathLabel> label = std::make_shared<PathLabel>("");
     std::shared_ptr<Verdict> verdict = std::make_shared<Verdict>();

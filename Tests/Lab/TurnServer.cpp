@@ -91,9 +91,9 @@ bool TurnServer::isListening() const
     return table.find(line) != table.npos;
 }
 
-TurnCredentials TurnServer::credentials(const std::string& name)
+TurnCredentials TurnServer::credentials(const std::string& name, std::chrono::seconds validity)
 {
-    const auto expiry = std::chrono::system_clock::now() + std::chrono::hours(1);
+    const auto expiry = std::chrono::system_clock::now() + validity;
     const auto username = fmt::format(
         "{}:{}", std::chrono::duration_cast<std::chrono::seconds>(expiry.time_since_epoch()).count(), name);
     return {username, base64EncodedString(hmacSHA1(bytesOf(secret), {bytesOf(username)}))};

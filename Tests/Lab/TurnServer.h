@@ -27,8 +27,9 @@ public:
     Process& process() { return *running; }
     std::string log() const { return contentOf(folder.path() / "turn.log"); }
 
-    // Of a user of the shared secret, as the rendezvous service hands them out; valid for an hour.
-    static TurnCredentials credentials(const std::string& name = "lab");
+    // Of a user of the shared secret, as the rendezvous service hands them out.
+    static TurnCredentials credentials(
+        const std::string& name = "lab", std::chrono::seconds validity = std::chrono::hours(1));
 
 private:
     void start(const Options& options);

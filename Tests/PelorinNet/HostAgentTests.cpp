@@ -34,7 +34,8 @@ protected:
         Log::observe([this](LogLevel level, std::string_view category, std::string_view text) {
             if (level != LogLevel::debug && category == "rendezvous") logged.emplace_back(text);
         });
-        agent = std::make_unique<HostAgent>(queue, HostRegistration::Settings{"书房", {"wss://one.example"}},
+        agent = std::make_unique<HostAgent>(queue,
+            HostRegistration::Settings{"书房", {"wss://one.example/v1/host"}},
             HostAgent::Means{queues, *identity, service.maker(), makePathWithoutServers});
         agent->phone = [this](const Bytes& keyHash) -> std::optional<HostAgent::Phone> {
             const auto found = paired.find(keyHash);
@@ -246,6 +247,25 @@ TEST_F(HostAgentTest, handsOverTheStreamsOfAPhone)
     EXPECT_TRUE(advanceUntil([&] { return agent->sessionCount() == 0; }));
     EXPECT_TRUE(advanceUntil([&] { return end->quic.closed.has_value(); })) << "the phone is told";
     EXPECT_THAT(line().received, IsEmpty()) << "that registration knows nothing of the session";
+}
+
+TEST_F(HostAgentTest, borrowsRelaysAnewWhileASessionLasts)
+{
+    pairWith(*phone, "iPhone");
+    RemotePhone end(queues, *phone, identity->fingerprint());
+    say({{"type", "connect"}, {"session", "a"}, {"request", requestOf(*phone, end.setup->local()).json()},
+        {"turn", {{"uris", {"turn:relay.example"}}, {"username", "u"}, {"credential", "c"}}}});
+    end.start(takeResponse("a"),
+        [this](json data) { line().say({{"type", "signal"}, {"session", "a"}, {"data", std::move(data)}}); });
+    ASSERT_TRUE(advanceUntil([&] { return end.outcome.has_value() && hasLogged(": path ready ("); }));
+    openStream(end);
+    queues.advance(4h);
+    EXPECT_EQ(service.lines.size(), 2u);
+    EXPECT_EQ(line().url, "wss://one.example/v1/connect/" + agent->hostID);
+    EXPECT_FALSE(line().isClosed);
+    streams.clear();
+    EXPECT_TRUE(advanceUntil([&] { return agent->sessionCount() == 0; }));
+    EXPECT_TRUE(line().isClosed);
 }
 
 TEST_F(HostAgentTest, tellsTheServiceWhenASessionIsOver)

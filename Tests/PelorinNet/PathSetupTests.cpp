@@ -1,7 +1,7 @@
 #include "PelorinNet/Path/PathSetup.h"
 
 #include "PelorinNet/Queue/ManualQueues.h"
-#include "Tests/PelorinNet/RawUDP.h"
+#include "Tests/PelorinNet/ScriptedRelay.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -114,6 +114,84 @@ TEST_F(PathSetupTest, saysWhyThereIsNoPath)
         queues.runReady();
         EXPECT_THAT(failure(end), HasSubstr(text));
     }
+}
+
+// The peer, played by the test, answers checks at an address of this machine and behind our relay.
+TEST_F(PathSetupTest, breaksTheRelayThatIsInUseOnceOneIs)
+{
+    const auto own = hostCandidates(1);
+    if (own.empty()) GTEST_SKIP() << "no network interface here but loopback";
+    std::vector<std::string> warnings;
+    Log::observe([&](LogLevel level, std::string_view, std::string_view text) {
+        if (level == LogLevel::warning) warnings.emplace_back(text);
+    });
+    const ScriptedRelay relay;
+    const PathCredentials peer = PathCredentials::random();
+    const auto behindRelay = SocketAddress::ipv4({203, 0, 113, 1}, 7'000);
+    const QueueRef queue = queues.makeQueue("peer");
+    auto direct = *UDPSocket::open(own[0].address.hostText(), 0, queue);
+    names = {{"relay", {relay.address}}};
+    open(host, {.breakAfter = 1s}, {.stun = {}, .turn = {{"relay", 3478}}});
+    const auto local = host.setup->local();
+    const PathCredentials remote{local.ufrag, local.password};
+    bool isDirect = true;
+    direct->onReceive = [&](ByteView check, const SocketAddress& source) {
+        const auto answer = ConnectivityCheck::answer(check, source, peer, remote);
+        if (answer && isDirect) direct->send(*answer, source);
+    };
+    const auto relaying = queue->every(10ms, [&] {
+        for (const auto& [bytes, source] : relay.receive()) {
+            if (const auto data = ChannelData::parse(bytes)) {
+                if (const auto answer = ConnectivityCheck::answer(data->payload, relay.relayed, peer, remote))
+                    relay.send(ChannelData::frame(data->channel, *answer), source);
+            } else if (const auto request = StunMessage::parse(bytes)) {
+                const ScriptedRelay::Request asked{*request, bytes, source};
+                request->attribute(ScriptedRelay::Type::username) ? relay.accept(asked)
+                                                                  : relay.challenge(asked);
+            }
+        }
+    });
+    start(host, {peer.ufrag, peer.password, {{direct->localAddress(), "host"}, {behindRelay, "srflx"}}}, {},
+        relay.credentials);
+    queues.advance(5s);
+    EXPECT_THAT(failure(host), "none");
+    EXPECT_THAT(host.setup->label().value_or("none"), HasSubstr("direct "));
+    EXPECT_TRUE(warnings.empty());
+    isDirect = false;
+    queues.advance(5s);
+    EXPECT_EQ(host.setup->label(), "relay relay");
+    EXPECT_EQ(warnings, std::vector<std::string>{"test: dropping everything sent through relay relay"});
+    Log::observe({});
+}
+
+TEST_F(PathSetupTest, sendsNothingMoreOnceItHasFailed)
+{
+    const auto own = hostCandidates(1);
+    if (own.empty()) GTEST_SKIP() << "no network interface here but loopback";
+    const RawUDP relay;
+    names = {{"relay", {relay.address}}};
+    const QueueRef queue = queues.makeQueue("dev.pelorin.path");
+    auto peer = *UDPSocket::open(own[0].address.hostText(), 0, queue);
+    int checks = 0;
+    peer->onReceive = [&](ByteView, const SocketAddress&) { ++checks; };
+    PathDescription remote = nobody();
+    remote.candidates.push_back({peer->localAddress(), "host"});
+    open(host, {}, {.stun = {{"relay", 3478}}, .turn = {{"relay", 3478}}});
+    start(host, remote, {}, TurnCredentials{"user", "password"});
+    queues.advance(15s);
+    EXPECT_THAT(failure(host), HasSubstr("no path to the peer within 15 s"));
+    EXPECT_GT(checks, 0);
+    EXPECT_FALSE(relay.receive().empty());
+
+    checks = 0;
+    host.inbox->deliver({{"candidates", {remote.candidates[0].json()}}});
+    host.setup->networkChanged();
+    host.setup->renewCredentials({"user", "other"});
+    queues.advance(10min);
+    EXPECT_EQ(checks, 0);
+    EXPECT_TRUE(relay.receive().empty());
+    EXPECT_FALSE(host.setup->label());
+    EXPECT_TRUE(UDPSocket::open("127.0.0.1", host.setup->localPort(), queue).has_value());
 }
 
 TEST_F(PathSetupTest, learnsItsAddressFromWhicheverSTUNServerAnswers)

@@ -296,6 +296,21 @@ TEST_F(PhoneConnectorTest, saysWhatWentWrong)
     EXPECT_EQ(failure->kind, Kind::serviceUnreachable);
 }
 
+TEST_F(PhoneConnectorTest, borrowsRelaysAnewWhileTheSessionLasts)
+{
+    start();
+    say({{"type", "hello"}, {"online", true},
+        {"turn", {{"uris", {"turn:relay.example"}}, {"username", "u"}, {"credential", "c"}}}});
+    grant(request());
+    ASSERT_TRUE(advanceUntil([&] { return channel || failure; }));
+    queues.advance(4h);
+    ASSERT_EQ(service.lines.size(), 2u);
+    EXPECT_EQ(service.line().url, service.lines.front()->url);
+    connector.reset(); // while it asks
+    EXPECT_TRUE(service.line().isClosed);
+    queues.advance(1min);
+}
+
 TEST_F(PhoneConnectorTest, mayGoAtAnyMoment)
 {
     for (int step = 0; step < 60; ++step) {

@@ -91,6 +91,30 @@ TEST_F(RelayTest, renewsBeforeALifetimeEndsThatIsShorterThanAsked)
     }
 }
 
+TEST_F(RelayTest, goesOnWithFreshCredentialsWhenTheServerTakesTheOldOnesNoMore)
+{
+    int lost = 0;
+    relay.onLost = [&](TurnClient&) { ++lost; };
+    relay.reach(peer(1));
+    relay.start();
+    EXPECT_EQ(serve().size(), 1u);
+    const TurnCredentials fresh{"later", "other"};
+    relay.setCredentials(fresh);
+    queues.advance(240s);
+    EXPECT_EQ(serve().size(), 1u); // what stands stays
+    EXPECT_EQ(lost, 0);
+
+    server.credentials = fresh; // answers that are signed with the old key are over
+    queues.advance(240s);
+    for (int i = 0; i < 3; ++i) { // refused as often as it is tried
+        for (const auto& request : server.received()) server.challenge(request);
+        queues.runReady();
+    }
+    EXPECT_EQ(lost, 1);
+    EXPECT_EQ(serve().size(), 1u);
+    ASSERT_TRUE(relay.client() && relay.client()->relayed());
+}
+
 TEST_F(RelayTest, reachesAPeerHoweverOftenThatHasMoved)
 {
     relay.isNeeded = [](const DatagramProxy::Path& way) { return way.channel == 0x4000; };

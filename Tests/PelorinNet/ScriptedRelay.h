@@ -65,7 +65,7 @@ public:
     }
     void accept(const Request& request) const { send(success(request), request.source); }
 
-    const TurnCredentials credentials{"1790000000:phone", "c2VjcmV0"};
+    TurnCredentials credentials{"1790000000:phone", "c2VjcmV0"};
     const SocketAddress relayed = SocketAddress::ipv4({198, 51, 100, 9}, 50'000);
     const SocketAddress mapped = SocketAddress::ipv4({203, 0, 113, 7}, 40'000);
     std::string realm = "relay.example";

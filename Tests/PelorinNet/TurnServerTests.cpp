@@ -161,6 +161,27 @@ TEST_F(RealRelay, refusesInWords)
     EXPECT_EQ(refresh(*client), "");
 }
 
+// What is allocated outlives its credentials, stale nonces included; what has to be allocated anew does not.
+TEST_F(RealRelay, asksForCredentialsThatHaveNotEndedOnlyOnce)
+{
+    const TurnServer server({.more = {"--stale-nonce=1"}});
+    const auto ending = TurnServer::credentials("lab", std::chrono::seconds(lab::slowness > 1 ? 8 : 3));
+    const auto client = makeClient({server.address()}, ending);
+    allocate(*client);
+    ASSERT_TRUE(client->relayed());
+    EXPECT_TRUE(eventually([&] {
+        return allocate(*makeClient({server.address()}, ending)) == "allocate failed: 401 Unauthorized";
+    }));
+    const auto isStale = [&, before = server.log().size()] {
+        return server.log().find("error 438", before) != std::string::npos;
+    };
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(refresh(*client), "");
+        return testing::Test::HasFailure() || isStale();
+    }));
+    EXPECT_EQ(bind(*client, SocketAddress::ipv4({127, 0, 0, 1}, 5'000), 0x4000), "");
+}
+
 TEST_F(RealRelay, getsItsAllocationBackWhenTheClientGoes)
 {
     const TurnServer server({.user = TurnCredentials{"jane", "right"}, .more = {"--user-quota=1"}});
