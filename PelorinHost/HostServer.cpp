@@ -14,6 +14,7 @@ using namespace std::chrono_literals;
 
 constexpr auto refreshPeriod = 5s;
 constexpr auto lockGrace = 10s; // in which a phone that dropped out may come back
+constexpr auto optionsGrace = 2s; // in which a phone that comes back says again that it wants dark panels
 
 const std::string loopbackAddress = "127.0.0.1";
 
@@ -316,7 +317,7 @@ void HostServer::saidHello(ConnectionID id, const SessionFigures& figures, const
     waiting.mapped().identity = identity;
     waiting.mapped().place.reset();
     if (!identity.empty()) penalties.clear(waiting.mapped().source);
-    pendingEnd.cancel();
+    resumeFromPendingEnd();
     if (activeSession) {
         const SessionEnd replaced = SessionEnd::replaced();
         end(activeSession->second, replaced);
@@ -330,6 +331,15 @@ void HostServer::saidHello(ConnectionID id, const SessionFigures& figures, const
     log.info("session started: {}", record.peer);
     writeConnectionLog("session started: " + record.peer);
     publish(serverEvent::SessionStarted{record.peer});
+}
+
+// Panels that were kept dark meanwhile stay so until the phone has had time to ask for it once more: they
+// would light up in between, for everybody to read.
+void HostServer::resumeFromPendingEnd()
+{
+    pendingEnd.cancel();
+    pendingEndLocks = false;
+    if (!activeSession && isPrivate) pendingEnd = queue->after(optionsGrace, [this] { updatePrivacy(); });
 }
 
 void HostServer::updated(ConnectionID id, const SessionFigures& figures)
@@ -380,11 +390,13 @@ void HostServer::activeEnded(EndKind kind, const std::string& reason)
     updatePrivacy();
 }
 
-// As the phone in control wants it; without one the panels show what they show.
+// As the phone in control wants it. Without one the panels show what they show, but those that are dark not
+// before a desktop that is to be locked is.
 void HostServer::updatePrivacy()
 {
-    const bool isWanted
-        = activeSession && activeSession->second.options.contains(sessionOption::privacyScreen);
+    const bool isLockComing = pendingEndLocks || locksUnderWay > 0;
+    const bool isWanted = activeSession ? activeSession->second.options.contains(sessionOption::privacyScreen)
+                                        : isPrivate && isLockComing;
     if (isWanted == isPrivate) return;
     isPrivate = isWanted;
     if (!privacyScreen) {
@@ -424,13 +436,21 @@ void HostServer::lock()
         screenLock = Confined<ScreenLock>(lockQueue,
             [&platform = surroundings.platform, lockQueue] { return platform.makeScreenLock(lockQueue); });
     }
+    ++locksUnderWay;
     screenLock.run([this, alive = lifetime.watch(), queue = queue](ScreenLock& locking) {
         locking.lock([this, alive, queue](LockedBy by) {
             queue->post([this, alive, by] {
-                if (alive) writeConnectionLog(lockedText(by));
+                if (alive) locked(by);
             });
         });
     });
+}
+
+void HostServer::locked(LockedBy by)
+{
+    --locksUnderWay;
+    writeConnectionLog(lockedText(by));
+    updatePrivacy();
 }
 
 bool HostServer::disconnect()

@@ -105,6 +105,7 @@ private:
     void end(Record& record, SessionEnd how);
 
     void saidHello(ConnectionID id, const SessionFigures& figures, const std::string& identity);
+    void resumeFromPendingEnd();
     void updated(ConnectionID id, const SessionFigures& figures);
     void optionsChanged(ConnectionID id, SessionOptions options);
     void sessionClosed(
@@ -116,6 +117,7 @@ private:
     void lockAfter(EndKind kind, SessionOptions options);
     void pendingEndFired();
     void lock();
+    void locked(LockedBy by);
 
     void publish(ServerEvent event);
     void writeConnectionLog(std::string line);
@@ -142,6 +144,7 @@ private:
     ConnectionID lastID = 0;
     Subscription pendingEnd; // the grace of a phone that dropped out
     bool pendingEndLocks = false;
+    int locksUnderWay = 0;
     Confined<ScreenLock> screenLock; // made when first used
     Confined<PrivacyScreen> privacyScreen; // likewise
     bool isPrivate = false;

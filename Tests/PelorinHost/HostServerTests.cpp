@@ -467,6 +467,50 @@ TEST_F(ServerTest, keepsThePanelsDarkForAsLongAsThePhoneInControlWantsIt)
     }
 }
 
+TEST_F(ServerTest, keepsDarkPanelsDarkUntilTheDesktopIsLocked)
+{
+    const auto isDark = [&] {
+        queues.runReady();
+        return !platform.arrangement.gamma.empty();
+    };
+    const SessionOptions wish = sessionOption::lockAtEnd | sessionOption::privacyScreen;
+    begin();
+    const std::pair<const char*, std::function<void(fakes::FakePhone&)>> ends[] = {
+        {"bye", [&](auto& phone) { phone.send(message::Bye{}); }},
+        {"nonsense, then the grace",
+            [&](auto& phone) {
+                phone.send(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+                queues.advance(9s);
+                EXPECT_TRUE(isDark());
+                EXPECT_EQ(platform.screenLock.requests, 1) << "of the row before";
+                queues.advance(2s);
+            }},
+    };
+    for (const auto& [name, end] : ends) {
+        const auto phone = connectWithHello(wish);
+        end(*phone);
+        EXPECT_TRUE(isDark()) << name;
+        platform.screenLock.answer(LockedBy::system);
+        EXPECT_FALSE(isDark()) << name;
+    }
+
+    connectWithHello(wish)->hangUp();
+    EXPECT_TRUE(isDark());
+    const auto back = connect();
+    back->hello();
+    EXPECT_TRUE(isDark()) << "it is about to say whether it wants that";
+    back->send(message::SetOptions{wish});
+    queues.advance(3s);
+    EXPECT_TRUE(isDark());
+    back->hangUp();
+    EXPECT_TRUE(isDark());
+    const auto other = connect();
+    other->hello();
+    queues.advance(3s);
+    EXPECT_FALSE(isDark()) << "it does not ask for it";
+    EXPECT_EQ(platform.screenLock.requests, 2);
+}
+
 TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
 {
     const SessionOptions wish = sessionOption::lockAtEnd;
