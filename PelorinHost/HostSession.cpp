@@ -182,7 +182,7 @@ void HostSession::on(const message::Hello& hello)
     running->figures.clientName = asLabel(hello.clientName);
     running->figures.path = connection->pathDescription();
     platform.power().declareUserActivity("Pelorin session started");
-    running->displayAwake = platform.power().preventDisplaySleep("Pelorin remote session");
+    running->displayAwake = platform.power().preventDisplaySleep("Pelorin remote session", queue);
     const auto alive = lifetime.watch();
     if (onHello) onHello(*this);
     if (alive && !closed) startStreaming();

@@ -42,6 +42,7 @@ struct DBusConnection::Call {
     static int answered(sd_bus_message* message, void* self, sd_bus_error*)
     {
         auto& call = *static_cast<Call*>(self);
+        if (call.keepsAnswer) call.answer.reset(sd_bus_message_ref(message));
         const auto* error = sd_bus_message_get_error(message);
         if (error)
             call.tellSoon(std::unexpected(PlatformError{error->message ? error->message : error->name}));
@@ -63,6 +64,8 @@ struct DBusConnection::Call {
     SerialQueue& queue;
     std::function<void(Reply)> done;
     std::unique_ptr<sd_bus_slot, Unreference> slot;
+    bool keepsAnswer = false;
+    std::unique_ptr<sd_bus_message, Unreference> answer;
     bool hasReply = false;
     Subscription soon;
 };
@@ -118,8 +121,23 @@ bool DBusConnection::isReady() const
 
 void DBusConnection::call(const DBusMethod& method, std::function<void(Reply)> done)
 {
+    begin(method, std::move(done));
+}
+
+void DBusConnection::hold(const DBusMethod& method, std::function<void(const std::string& reason)> refused)
+{
+    begin(method,
+        [refused = std::move(refused)](const Reply& reply) {
+            if (!reply) refused(reply.error().description);
+        })
+        .keepsAnswer
+        = true;
+}
+
+DBusConnection::Call& DBusConnection::begin(const DBusMethod& method, std::function<void(Reply)> done)
+{
     queue->assertCurrent();
-    std::erase_if(calls, [](const auto& call) { return !call->done; });
+    std::erase_if(calls, [](const auto& call) { return !call->done && !call->keepsAnswer; });
     auto& call = *calls.emplace_back(std::make_unique<Call>(*queue, std::move(done)));
     sd_bus_message* fresh = nullptr;
     int result = sd_bus_message_new_method_call(
@@ -131,8 +149,11 @@ void DBusConnection::call(const DBusMethod& method, std::function<void(Reply)> d
     constexpr std::uint64_t never = UINT64_MAX;
     if (result >= 0) result = sd_bus_call_async(bus.get(), &slot, fresh, Call::answered, &call, never);
     call.slot.reset(slot);
-    if (result < 0) return call.tellSoon(failure(result));
-    watch();
+    if (result < 0)
+        call.tellSoon(failure(result));
+    else
+        watch();
+    return call;
 }
 
 void DBusConnection::process()

@@ -22,6 +22,12 @@ struct DBusMethod {
     std::vector<const char*> arguments = {};
 };
 
+// Where the two buses listen; empty takes the environment's or the usual place.
+struct DBusAddresses {
+    std::string system;
+    std::string session;
+};
+
 // A connection to a message bus that never waits: connecting, greeting and calling all go on as the bus gets
 // round to them, so that one that hangs holds up nobody. Timeouts are the caller's. Queue: its owner's.
 class DBusConnection {
@@ -40,9 +46,12 @@ public:
     using Reply = Result<std::optional<bool>, PlatformError>;
     bool isReady() const; // the bus has answered our greeting
     void call(const DBusMethod& method, std::function<void(Reply)> done);
+    // Keeps what the answer brings, such as a descriptor, for as long as the connection lives.
+    void hold(const DBusMethod& method, std::function<void(const std::string& reason)> refused);
 
 private:
     struct Call;
+    Call& begin(const DBusMethod& method, std::function<void(Reply)> done);
     struct Close {
         void operator()(sd_bus* bus) const;
     };

@@ -1,6 +1,7 @@
 #include "PelorinHost/Linux/LinuxPlatform.h"
 
 #include "PelorinHost/Linux/LinuxCompression.h"
+#include "PelorinHost/Linux/LinuxPower.h"
 #include "PelorinHost/Linux/LinuxScreenLock.h"
 #include "PelorinHost/Linux/LinuxSystem.h"
 #include "PelorinHost/Linux/X11CursorSource.h"
@@ -9,7 +10,6 @@
 #include "PelorinHost/Linux/X11Displays.h"
 #include "PelorinHost/Linux/X11Pasteboard.h"
 #include "PelorinHost/Linux/X11Permissions.h"
-#include "PelorinHost/Linux/X11Power.h"
 #include "PelorinHost/Linux/XtestEventPosting.h"
 
 #include <atomic>
@@ -68,7 +68,7 @@ private:
     X11DisplayBounds bounds;
     X11Displays arrangement;
     LinuxCompression encoders;
-    X11Power keepAwake;
+    LinuxPower keepAwake;
     X11Permissions allowed;
     LinuxSystem machine;
     std::atomic<bool> hasPosted = false;

@@ -44,7 +44,8 @@ const std::array<Locker, 5>& lockers()
 
 } // namespace
 
-LinuxScreenLock::LinuxScreenLock(QueueRef newQueue, MakeEventPosting newMakeEventPosting, Buses newBuses)
+LinuxScreenLock::LinuxScreenLock(
+    QueueRef newQueue, MakeEventPosting newMakeEventPosting, DBusAddresses newBuses)
     : queue(std::move(newQueue)),
       makeEventPosting(std::move(newMakeEventPosting)),
       buses(std::move(newBuses))

@@ -17,13 +17,9 @@ namespace pelorin {
 // state afterwards. Where none confirms, the shortcut is pressed. Queue: its owner's.
 class LinuxScreenLock final : public ScreenLock {
 public:
-    struct Buses {
-        std::string system; // addresses; empty takes the environment's or the usual place
-        std::string session;
-    };
     using MakeEventPosting = std::function<std::unique_ptr<EventPosting>()>;
 
-    LinuxScreenLock(QueueRef queue, MakeEventPosting makeEventPosting, Buses buses = {});
+    LinuxScreenLock(QueueRef queue, MakeEventPosting makeEventPosting, DBusAddresses buses = {});
     ~LinuxScreenLock() override;
 
     void lock(std::function<void(LockedBy)> done) override;
@@ -37,7 +33,7 @@ private:
 
     const QueueRef queue;
     const MakeEventPosting makeEventPosting;
-    const Buses buses;
+    const DBusAddresses buses;
     const Log log{"lock"};
     std::vector<std::function<void(LockedBy)>> waiting; // for the attempt under way
     std::size_t locker = 0; // the one being asked

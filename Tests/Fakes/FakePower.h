@@ -16,7 +16,7 @@ public:
     int heldAssertions() const { return *held; }
 
     void declareUserActivity(const std::string& name) override { activities.push_back(name); }
-    std::unique_ptr<PowerAssertion> preventDisplaySleep(const std::string& name) override
+    std::unique_ptr<PowerAssertion> preventDisplaySleep(const std::string& name, QueueRef) override
     {
         if (refuses) return nullptr;
         assertionNames.push_back(name);

@@ -29,9 +29,10 @@ BusService::BusService(const MessageBus& bus, const std::string& newName, const 
 {
 }
 
-void BusService::addMethod(const std::string& method, const std::string& returns, const std::string& body)
+void BusService::addMethod(
+    const std::string& method, const std::string& returns, const std::string& body, const std::string& takes)
 {
-    tell({"AddMethod", "string:" + interface, "string:" + method, "string:", "string:" + returns,
+    tell({"AddMethod", "string:" + interface, "string:" + method, "string:" + takes, "string:" + returns,
         "string:" + body});
 }
 

@@ -25,7 +25,8 @@ public:
         const std::string& interface);
 
     // body: Python that runs at a call of the method, with self for the object and ret for what it returns.
-    void addMethod(const std::string& method, const std::string& returns, const std::string& body);
+    void addMethod(const std::string& method, const std::string& returns, const std::string& body,
+        const std::string& takes = {});
     void addFlag(const std::string& property); // a boolean, false
 
     std::string calls() const { return contentOf(folder.path() / "calls"); } // one line each

@@ -74,7 +74,7 @@ protected:
                 };
                 return std::make_unique<Posting>(keys);
             },
-            LinuxScreenLock::Buses{systemBus, sessionBus});
+            DBusAddresses{systemBus, sessionBus});
     }
 
     // The queue's time stands still meanwhile, however long others take.
@@ -227,7 +227,7 @@ TEST_F(LinuxScreenLockTest, itsShortcutReachesTheDesktop)
     lab::InputWindow window(server.display());
     screenLock = std::make_unique<LinuxScreenLock>(
         queue, [&] { return std::make_unique<XtestEventPosting>(queue, server.display()); },
-        LinuxScreenLock::Buses{nowhere, nowhere});
+        DBusAddresses{nowhere, nowhere});
     EXPECT_EQ(lock(), "locked the Mac with ⌃⌘Q");
     EXPECT_THAT(window.eventsUntil("key 37 up"),
         ElementsAre("key 37 down", "key 133 down", "key 24 down", "key 24 up", "key 133 up", "key 37 up"));
