@@ -92,7 +92,12 @@ void PhoneSession::start()
 void PhoneSession::send(const Message& message)
 {
     queue->assertCurrent();
-    if (state == State::running) write(message);
+    if (state != State::running) return;
+    write(message);
+    const auto* move = std::get_if<message::MouseMove>(&message);
+    if (!move) return;
+    pointer.moved(move->dx, move->dy);
+    pointerChanged();
 }
 
 void PhoneSession::leave()
@@ -177,13 +182,15 @@ void PhoneSession::handle(Message message)
                 pass(onFormat, std::move(value));
             } else if constexpr (std::is_same_v<Kind, message::Pong> || std::is_same_v<Kind, message::Error>)
                 handle(value);
-            else if constexpr (std::is_same_v<Kind, message::DisplayInfo>)
+            else if constexpr (std::is_same_v<Kind, message::DisplayInfo>) {
+                pointer.displayIs(value.displayWidthPt, value.displayHeightPt);
                 pass(onDisplayInfo, value);
-            else if constexpr (std::is_same_v<Kind, message::DisplayList>)
+            } else if constexpr (std::is_same_v<Kind, message::DisplayList>)
                 pass(onDisplayList, std::move(value.displays));
-            else if constexpr (std::is_same_v<Kind, message::CursorPosition>)
-                pass(onCursorPosition, value);
-            else if constexpr (std::is_same_v<Kind, message::CursorImage>)
+            else if constexpr (std::is_same_v<Kind, message::CursorPosition>) {
+                pointer.reported(value, queue->now());
+                pointerChanged();
+            } else if constexpr (std::is_same_v<Kind, message::CursorImage>)
                 pass(onCursorImage, std::move(value));
             else if constexpr (std::is_same_v<Kind, message::PathInfo>)
                 pass(onPathInfo, std::move(value.description));
@@ -207,6 +214,11 @@ void PhoneSession::handle(const message::Pong& message)
 void PhoneSession::handle(const message::Error& message)
 {
     end({.kind = End::Kind::refused, .code = message.code, .text = message.message});
+}
+
+void PhoneSession::pointerChanged()
+{
+    if (onPointer) onPointer(pointer);
 }
 
 void PhoneSession::showed(const ReceivedPicture& picture)

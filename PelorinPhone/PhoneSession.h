@@ -3,6 +3,7 @@
 #include "PelorinCore/Wire/FrameCodec.h"
 #include "PelorinNet/Channel/PelorinTLS.h"
 #include "PelorinNet/Log.h"
+#include "PelorinPhone/CursorPredictor.h"
 #include "PelorinPhone/HostClock.h"
 #include "PelorinPhone/PhoneStatistics.h"
 #include "PelorinPhone/VideoReceiver.h"
@@ -48,7 +49,7 @@ public:
     std::function<void(message::VideoFormat)> onFormat;
     std::function<void(message::DisplayInfo)> onDisplayInfo;
     std::function<void(std::vector<DisplayDescriptor>)> onDisplayList;
-    std::function<void(message::CursorPosition)> onCursorPosition;
+    std::function<void(const CursorPredictor&)> onPointer; // for a phone that draws it: it is elsewhere now
     std::function<void(message::CursorImage)> onCursorImage;
     std::function<void(std::string)> onPathInfo;
     std::function<void(std::string)> onClipboard;
@@ -75,6 +76,7 @@ private:
     void handle(message::HelloAck message);
     void handle(const message::Pong& message);
     void handle(const message::Error& message);
+    void pointerChanged();
     void showed(const ReceivedPicture& picture);
     void needKeyframe();
     void keyframePauseEnded();
@@ -97,6 +99,7 @@ private:
     std::optional<VideoReceiver> video;
     HostClock hostClock;
     PhoneStatistics statistics;
+    CursorPredictor pointer;
 
     struct SentPing {
         std::uint32_t id;

@@ -42,10 +42,12 @@ Duration durationOf(double seconds)
     return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds));
 }
 
-ClientCapabilities capabilitiesOf(CodecChoice codec)
+// Without a window the cursor is to be in the pictures, which are all that there is.
+ClientCapabilities capabilitiesOf(const ViewerOptions& options)
 {
     ClientCapabilities capabilities = clientCapability::choosesDisplay;
-    if (codec != CodecChoice::h264) capabilities |= clientCapability::decodesHEVC;
+    if (!options.isHeadless) capabilities |= clientCapability::drawsCursor;
+    if (options.codec != CodecChoice::h264) capabilities |= clientCapability::decodesHEVC;
     return capabilities;
 }
 
@@ -192,7 +194,7 @@ void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
         .viewport = options.viewport.value_or(headlessViewport),
         .display
         = {options.followPhone ? DisplayMode::followPhone : DisplayMode::mirrorMain, 0, options.displayID},
-        .capabilities = capabilitiesOf(options.codec)};
+        .capabilities = capabilitiesOf(options)};
     session = std::make_unique<PhoneSession>(std::move(*channel), queue, decodeQueue, std::move(settings));
     session->onHello = [this](const std::string& hostName) { greeted(hostName); };
     session->onPicture = [this](const ReceivedPicture& picture) { showed(picture); };
@@ -207,6 +209,12 @@ void Viewer::connected(Result<std::unique_ptr<Channel>, NetError> channel)
     };
     session->onClipboard = [this](std::string text) {
         if (onClipboard) onClipboard(std::move(text));
+    };
+    session->onPointer = [this](const CursorPredictor& pointer) {
+        if (onPointer) onPointer(pointer);
+    };
+    session->onCursorImage = [this](message::CursorImage image) {
+        if (onCursorImage) onCursorImage(std::move(image));
     };
     session->onSecond = [this](const PhoneFigures& figures) {
         if (onSecond) onSecond(figures);

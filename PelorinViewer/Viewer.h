@@ -37,6 +37,9 @@ public:
     std::function<void()> onLost; // another session is being tried for
     std::function<void(std::string path)> onPath; // of a remote session
     std::function<void(std::string)> onClipboard;
+    std::function<void(const CursorPredictor&)>
+        onPointer; // never when headless, as all that is of the cursor
+    std::function<void(message::CursorImage)> onCursorImage;
     std::function<void(ViewerResult)> onFinished; // once; may destroy us
 
     // For so long as patience, a host that does not let us in yet, or can't be reached, is tried again: one

@@ -156,6 +156,8 @@ private:
         };
         viewer->onLost = [this] { window->setTitle("… " + title); };
         viewer->onPath = [this](std::string path) { window->setPath(std::move(path)); };
+        viewer->onPointer = [this](const CursorPredictor& pointer) { window->setPointer(pointer); };
+        viewer->onCursorImage = [this](message::CursorImage image) { window->setCursor(std::move(image)); };
         viewer->onClipboard = [this](std::string text) { window->setClipboard(std::move(text)); };
     }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <mutex>
+#include <png.h>
 #include <SDL.h>
 #include <set>
 #include <utility>
@@ -15,6 +16,9 @@
 namespace pelorin {
 
 namespace {
+
+constexpr int longestCursorSide = 512;
+constexpr int glideFrameMs = 8; // between two pictures of a pointer that glides
 
 constexpr int firstWidth = 1280;
 constexpr int firstHeight = 720;
@@ -88,6 +92,29 @@ std::string orDash(std::optional<double> value)
     return value ? fmt::format("{:.1f}", *value) : "-";
 }
 
+// The cursor's picture, not larger than any desktop's; nothing for what is none.
+std::optional<Bytes> rgbaOf(const Bytes& png, int& width, int& height)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&image, png.data(), png.size())) return std::nullopt;
+    std::optional<Bytes> rgba;
+    width = static_cast<int>(std::min<png_uint_32>(image.width, longestCursorSide + 1));
+    height = static_cast<int>(std::min<png_uint_32>(image.height, longestCursorSide + 1));
+    image.format = PNG_FORMAT_RGBA;
+    if (width <= longestCursorSide && height <= longestCursorSide) {
+        rgba.emplace(PNG_IMAGE_SIZE(image));
+        if (!png_image_finish_read(&image, nullptr, rgba->data(), 0, nullptr)) rgba.reset();
+    }
+    png_image_free(&image);
+    return rgba;
+}
+
+SteadyTime steadyNow()
+{
+    return std::chrono::steady_clock::now();
+}
+
 } // namespace
 
 std::vector<std::string> linesOf(const PhoneFigures& figures)
@@ -109,6 +136,9 @@ struct ViewerWindow::State {
     Owned<SDL_Texture> texture;
     int textureWidth = 0;
     int textureHeight = 0;
+    CursorPredictor pointer;
+    message::CursorImage cursor; // of the texture; without its PNG
+    Owned<SDL_Texture> cursorTexture;
     std::uint32_t wakeEvent = 0;
     KeyboardInput keyboard;
     bool isCaptured = false;
@@ -123,6 +153,8 @@ struct ViewerWindow::State {
     // What other threads leave for it.
     struct Mail {
         std::optional<ReceivedPicture> picture;
+        std::optional<CursorPredictor> pointer;
+        std::optional<message::CursorImage> cursor;
         std::optional<PhoneFigures> figures;
         std::optional<std::string> path;
         std::optional<std::string> title;
@@ -145,7 +177,9 @@ struct ViewerWindow::State {
     void capture();
     void letGo(const WindowInput& input);
     void upload(const DecodedPicture& picture);
+    void setCursor(message::CursorImage image);
     void draw();
+    void drawPointer(const SDL_Rect& picture);
     void drawFigures();
     Viewport viewport() const;
 };
@@ -203,6 +237,9 @@ void ViewerWindow::State::takeMail(const WindowInput& input)
         if (!path.empty()) figureLines.insert(figureLines.begin(), path);
         needsDrawing = needsDrawing || showsFigures;
     }
+    if (taken.cursor) setCursor(std::move(*taken.cursor));
+    if (taken.pointer) pointer = std::move(*taken.pointer);
+    needsDrawing = needsDrawing || taken.cursor || taken.pointer;
     isClosing = isClosing || taken.close;
     if (!taken.picture) return;
     upload(taken.picture->picture);
@@ -318,6 +355,22 @@ void ViewerWindow::State::upload(const DecodedPicture& picture)
             picture.strides[1], picture.planes[2], picture.strides[2]);
 }
 
+void ViewerWindow::State::setCursor(message::CursorImage image)
+{
+    int width = 0;
+    int height = 0;
+    const auto rgba = rgbaOf(image.png, width, height);
+    cursorTexture.reset();
+    if (rgba)
+        cursorTexture.reset(SDL_CreateTexture(
+            renderer.get(), SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STATIC, width, height));
+    cursor = std::move(image);
+    cursor.png.clear();
+    if (!cursorTexture) return;
+    SDL_UpdateTexture(cursorTexture.get(), nullptr, rgba->data(), width * 4);
+    SDL_SetTextureBlendMode(cursorTexture.get(), SDL_BLENDMODE_BLEND);
+}
+
 void ViewerWindow::State::draw()
 {
     needsDrawing = false;
@@ -332,9 +385,25 @@ void ViewerWindow::State::draw()
         const int shownHeight = static_cast<int>(std::lround(textureHeight * scale));
         const SDL_Rect target{(width - shownWidth) / 2, (height - shownHeight) / 2, shownWidth, shownHeight};
         SDL_RenderCopy(renderer.get(), texture.get(), nullptr, &target);
+        drawPointer(target);
     }
     if (showsFigures) drawFigures();
     SDL_RenderPresent(renderer.get());
+}
+
+void ViewerWindow::State::drawPointer(const SDL_Rect& picture)
+{
+    const auto place = pointer.at(steadyNow());
+    if (!place || !cursorTexture || pointer.displayWidth() <= 0 || pointer.displayHeight() <= 0) return;
+    const double scaleX = picture.w / pointer.displayWidth();
+    const double scaleY = picture.h / pointer.displayHeight();
+    const auto rounded = [](double value) { return static_cast<int>(std::lround(value)); };
+    const SDL_Rect target{picture.x + rounded((place->x - cursor.hotX) * scaleX),
+        picture.y + rounded((place->y - cursor.hotY) * scaleY), std::max(1, rounded(cursor.widthPt * scaleX)),
+        std::max(1, rounded(cursor.heightPt * scaleY))};
+    SDL_RenderSetClipRect(renderer.get(), &picture);
+    SDL_RenderCopy(renderer.get(), cursorTexture.get(), nullptr, &target);
+    SDL_RenderSetClipRect(renderer.get(), nullptr);
 }
 
 void ViewerWindow::State::drawFigures()
@@ -391,10 +460,16 @@ ViewerWindow::~ViewerWindow() = default;
 void ViewerWindow::run(const WindowInput& input)
 {
     SDL_Event event;
-    while (!state->isClosing && SDL_WaitEvent(&event) != 0) {
-        do state->handle(event, input);
-        while (!state->isClosing && SDL_PollEvent(&event) != 0);
-        if (state->needsDrawing) state->draw();
+    while (!state->isClosing) {
+        const bool isGliding = state->pointer.isGliding(steadyNow());
+        const bool isTold
+            = (isGliding ? SDL_WaitEventTimeout(&event, glideFrameMs) : SDL_WaitEvent(&event)) != 0;
+        if (!isTold && !isGliding) return;
+        if (isTold) {
+            do state->handle(event, input);
+            while (!state->isClosing && SDL_PollEvent(&event) != 0);
+        }
+        if (state->needsDrawing || isGliding) state->draw();
     }
 }
 
@@ -406,6 +481,16 @@ Viewport ViewerWindow::viewport() const
 void ViewerWindow::show(const ReceivedPicture& picture)
 {
     state->leave([&](State::Mail& mail) { mail.picture = picture; });
+}
+
+void ViewerWindow::setPointer(const CursorPredictor& pointer)
+{
+    state->leave([&](State::Mail& mail) { mail.pointer = pointer; });
+}
+
+void ViewerWindow::setCursor(message::CursorImage image)
+{
+    state->leave([&](State::Mail& mail) { mail.cursor = std::move(image); });
 }
 
 void ViewerWindow::setFigures(const PhoneFigures& figures)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinPhone/CursorPredictor.h"
 #include "PelorinPhone/PhoneStatistics.h"
 #include "PelorinPhone/VideoReceiver.h"
 
@@ -19,9 +20,9 @@ struct WindowInput {
     std::function<void()> onClosed;
 };
 
-// The window: shows pictures with bars where the shapes differ, the figures over them when wanted, and takes
-// the mouse and the keyboard. Lives on the thread that made it, which run occupies; show, setFigures,
-// setPath, setTitle, setClipboard and close may be called from any thread. Owned by the program.
+// The window: shows pictures with bars where the shapes differ, the host's cursor and, when wanted, the
+// figures over them, and takes the mouse and the keyboard. Lives on the thread that made it, which run
+// occupies; show, everything that sets, and close may be called from any thread. Owned by the program.
 class ViewerWindow {
 public:
     // Fails with the platform's text, such as when there is no display.
@@ -32,6 +33,8 @@ public:
     Viewport viewport() const; // before run
 
     void show(const ReceivedPicture& picture); // replaces one that was not drawn yet
+    void setPointer(const CursorPredictor& pointer);
+    void setCursor(message::CursorImage image); // what is drawn there
     void setFigures(const PhoneFigures& figures);
     void setPath(std::string path); // shown with the next figures
     void setTitle(std::string title);

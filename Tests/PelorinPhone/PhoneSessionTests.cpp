@@ -93,6 +93,26 @@ TEST_F(PhoneSessionTest, saysHelloFirstAndReadsStamps)
     EXPECT_EQ(hostName, "Test host");
 }
 
+TEST_F(PhoneSessionTest, predictsThePointerFromEveryMoveThatTheHostIsTold)
+{
+    std::optional<CursorPredictor::Place> place;
+    run([&] {
+        session->onPointer = [&](const CursorPredictor& pointer) { place = pointer.at(queue->now()); };
+        session->send(message::MouseMove{7, 7}); // before the host's answer: nobody hears of it
+    });
+    greet();
+    hostSays(message::DisplayInfo{390, 844, 390, 844});
+    hostSays(message::CursorPosition{100, 50, 0});
+    EXPECT_EQ(place, (CursorPredictor::Place{100, 50}));
+    run([&] {
+        session->send(message::MouseMove{3, 4});
+        session->send(message::MouseMove{-500, 0});
+    });
+    EXPECT_EQ(place, (CursorPredictor::Place{0, 54})) << "at once, and not beyond the display";
+    hostSays(message::CursorPosition{103, 54, 1});
+    EXPECT_EQ(place, (CursorPredictor::Place{0, 54}));
+}
+
 TEST_F(PhoneSessionTest, decodesAndTellsWhereTheTimeWent)
 {
     greet();

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <future>
 #include <gtest/gtest.h>
+#include <png.h>
 #include <thread>
 
 using namespace pelorin;
@@ -161,6 +162,47 @@ TEST_F(ViewerWindowTest, fitsPicturesAndDrawsFiguresOverThem)
         EXPECT_TRUE(eventually([&] { return whitePixels() == whole; }));
     });
     EXPECT_FALSE(told.has(message::Key{MacKey::f9, true, keyModifier::none}));
+}
+
+message::CursorImage whiteCursor(int side)
+{
+    const Bytes white(static_cast<std::size_t>(side * side * 4), 0xFF);
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = image.height = static_cast<png_uint_32>(side);
+    image.format = PNG_FORMAT_RGBA;
+    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
+    Bytes png(size);
+    EXPECT_TRUE(png_image_write_to_memory(&image, png.data(), &size, 0, white.data(), 0, nullptr));
+    png.resize(size);
+    const auto points = static_cast<float>(side) / 2; // on a display of two pixels to a point
+    return {1, points / 2, points / 2, points, points, png};
+}
+
+TEST_F(ViewerWindowTest, drawsTheHostsPointerInThePictureAndNotBeyond)
+{
+    tell([this] {
+        window->show(received(TestPicture(1280, 720))); // as large as the window
+        CursorPredictor pointer;
+        pointer.displayIs(640, 360);
+        const auto put = [&](float x, float y) {
+            CursorPredictor moved = pointer;
+            moved.reported({x, y, 0}, std::chrono::steady_clock::now());
+            window->setPointer(moved);
+        };
+        put(320, 180);
+        window->setCursor({1, 0, 0, 10, 10, Bytes{1, 2, 3}}); // not a PNG: nothing to draw
+        window->setCursor(whiteCursor(2000)); // nor is what no desktop has
+        EXPECT_TRUE(eventuallyTold([](const Told& so) { return so.drawn == 1; }));
+        const int others = whitePixels(); // of the window's frame
+        const auto cursorPixels = [&] { return whitePixels() - others; };
+        window->setCursor(whiteCursor(40));
+        EXPECT_TRUE(eventually([&] { return cursorPixels() == 40 * 40; })) << cursorPixels();
+        put(0, 180);
+        EXPECT_TRUE(eventually([&] { return cursorPixels() == 20 * 40; })) << cursorPixels();
+        put(-300, 180); // on another display
+        EXPECT_TRUE(eventually([&] { return cursorPixels() == 0; })) << cursorPixels();
+    });
 }
 
 TEST_F(ViewerWindowTest, takesMouseAndKeyboardOnAClickAndGivesThemBackWithNothingHeld)
