@@ -65,6 +65,7 @@ Result<void, std::string> HostController::start()
         handleRequest(request, std::move(reply));
     };
     surroundings.platform.displays().keepNotesIn(places.supportDirectory);
+    surroundings.platform.letGoAfterEarlierHost();
     config = HostConfig::load(places.supportDirectory);
     connectionLog.emplace(places.logDirectory);
     const auto service = RemoteEntrance::serviceIn(config);

@@ -42,6 +42,7 @@ public:
     Permissions& permissions() override { return allowed; }
     System& system() override { return machine; }
 
+    void letGoAfterEarlierHost() override { XtestEventPosting::tidy(display); }
     std::unique_ptr<EventPosting> makeEventPosting(QueueRef sessionQueue) override
     {
         // Only now, since a second host that is about to be turned away must not disturb the first.

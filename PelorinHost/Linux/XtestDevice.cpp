@@ -75,6 +75,23 @@ void XtestDevice::fakeKey(Keycode keycode, bool isDown)
     fake(isDown ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode);
 }
 
+// The server takes a release only from the device that pressed: what a person holds down stays.
+void XtestDevice::releaseAll()
+{
+    constexpr int buttons = 5; // those that the mask has room for
+    const auto keys = connection.reply<xcb_query_keymap_reply_t>(
+        xcb_query_keymap(connection.get()), X11Connection::patience);
+    const auto pointer = connection.reply<xcb_query_pointer_reply_t>(
+        xcb_query_pointer(connection.get(), connection.root()), X11Connection::patience);
+    if (!keys || !pointer) return;
+    for (int keycode = 0; keycode < 256; ++keycode)
+        if ((keys->keys[keycode / 8] >> keycode % 8 & 1) != 0)
+            fake(XCB_KEY_RELEASE, static_cast<std::uint8_t>(keycode));
+    for (int button = 1; button <= buttons; ++button)
+        if ((pointer->mask & XCB_BUTTON_MASK_1 << (button - 1)) != 0)
+            fake(XCB_BUTTON_RELEASE, static_cast<std::uint8_t>(button));
+}
+
 std::optional<XtestDevice::PointerState> XtestDevice::pointerState()
 {
     const auto reply

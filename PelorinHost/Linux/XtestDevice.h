@@ -32,6 +32,9 @@ public:
     void tapKey(Keycode keycode);
     void fakeKey(Keycode keycode, bool isDown); // past the counts
 
+    // Whatever XTEST holds down, by whomever it was pressed.
+    void releaseAll();
+
     struct PointerState {
         Point position;
         std::uint16_t modifiers = 0; // X's mask of modifiers and layout group

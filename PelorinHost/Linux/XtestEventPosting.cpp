@@ -124,6 +124,7 @@ void XtestEventPosting::tidy(const std::string& display)
 {
     const auto device = XtestDevice::open(display);
     if (!device) return;
+    (*device)->releaseAll();
     const auto mapping = (*device)->keyboardMapping();
     if (!mapping) return;
     const X11TextKeys keys(mapping->firstKeycode, mapping->keysymsPerKeycode, mapping->keysyms);

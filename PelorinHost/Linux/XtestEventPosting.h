@@ -30,8 +30,8 @@ public:
 
     std::optional<Point> cursorLocation() override;
 
-    // Takes the characters off spare keycodes that a host left behind on this server, ours or one that was
-    // killed.
+    // Lets go of what is held, and takes the characters off spare keycodes, that a host left behind on this
+    // server, ours or one that was killed.
     static void tidy(const std::string& display);
 
 private:

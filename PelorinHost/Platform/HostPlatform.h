@@ -28,6 +28,8 @@ public:
     virtual Power& power() = 0;
     virtual Permissions& permissions() = 0;
     virtual System& system() = 0;
+    // For a host that is the only one here: lets go of keys and buttons that one before it died with.
+    virtual void letGoAfterEarlierHost() = 0;
     virtual std::unique_ptr<EventPosting> makeEventPosting(QueueRef sessionQueue) = 0;
     virtual std::unique_ptr<Pasteboard> makePasteboard(QueueRef sessionQueue) = 0;
     virtual std::unique_ptr<CursorSource> makeCursorSource() = 0;

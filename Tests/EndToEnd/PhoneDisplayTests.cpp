@@ -1,6 +1,7 @@
 #include "PelorinHost/Linux/X11Arrangement.h"
 #include "PelorinHost/Linux/X11Gamma.h"
 #include "PelorinHost/Linux/X11Monitors.h"
+#include "Tests/Lab/DesktopServices.h"
 #include "Tests/Lab/Picture.h"
 #include "Tests/Lab/Programs.h"
 #include "Tests/Lab/Wait.h"
@@ -85,6 +86,17 @@ struct Desktop {
             xcb_query_pointer(connection->get(), connection->root()), X11Connection::patience);
         return reply ? std::pair<int, int>(reply->root_x, reply->root_y) : std::pair(-1, -1);
     }
+    bool isAnythingHeld() const // keys or buttons
+    {
+        const auto connection = X11Connection::open(server.display());
+        if (!connection) return false;
+        const auto keys = connection->reply<xcb_query_keymap_reply_t>(
+            xcb_query_keymap(connection->get()), X11Connection::patience);
+        const auto pointer = connection->reply<xcb_query_pointer_reply_t>(
+            xcb_query_pointer(connection->get(), connection->root()), X11Connection::patience);
+        return (pointer && (pointer->mask & 0x1F00) != 0)
+            || (keys && std::ranges::any_of(keys->keys, [](std::uint8_t bits) { return bits != 0; }));
+    }
     std::string monitors() const { return server.run({"xrandr", "--listactivemonitors"}); }
 };
 
@@ -153,59 +165,152 @@ TEST(PhoneDisplay, isThereWithinASecondAndTurnsWithinOne)
 TEST(PhoneDisplay, leavesNothingBehindHoweverItEnds)
 {
     Desktop desktop;
+    lab::DesktopServices services;
     const auto before = desktop.panels();
-    HostProgram host(desktop.server.display());
+    HostProgram host(desktop.server.display(), {}, services.environment());
     std::optional<peers::RawPhone> phone;
+    const auto isKeptAwake = [&] { return services.isKeptAwakeByLogin() || services.isKeptAwakeBySaver(); };
     const auto endHost = [&](int signal) {
         host.process().signal(signal);
         host.process().waitForExit(20'000);
         EXPECT_EQ(desktop.panels() == before, signal != SIGKILL);
+        EXPECT_TRUE(eventually([&] { return !isKeptAwake(); }));
         host.startAgain();
     };
+    enum class Lock { never, beforeThePanelsLightUp };
+    using enum Lock;
     const struct {
         const char* name;
+        Lock lock;
         std::function<void()> end;
     } rows[] = {
-        {"bye", [&] { phone->send(message::Bye{}); }},
-        {"another phone",
+        {"bye", beforeThePanelsLightUp, [&] { phone->send(message::Bye{}); }},
+        {"another phone", never,
             [&] {
                 peers::RawPhone other(host.port());
                 other.sayHello();
                 EXPECT_TRUE(other.wait<message::VideoFrame>()) << host.log();
             }},
-        {"the phone's death", [&] { phone->vanish(); }},
-        {"silence", [] {}},
-        {"nonsense", [&] { phone->send(Bytes(64, 0xFF)); }},
-        {"the menu", [&] { host.control({"disconnect"}); }},
-        {"another display",
-            [&] {
-                phone->send(message::SetOptions{});
-                phone->send(message::SetDisplay{{DisplayMode::mirrorMain, 0, 0}});
-            }},
-        {"quitting",
+        {"the phone's death", beforeThePanelsLightUp, [&] { phone->vanish(); }},
+        {"silence", beforeThePanelsLightUp, [] {}},
+        {"nonsense", beforeThePanelsLightUp, [&] { phone->send(Bytes(64, 0xFF)); }},
+        {"the menu", never, [&] { host.control({"disconnect"}); }},
+        {"quitting", never,
             [&] {
                 host.control({"quit"});
                 host.process().waitForExit(20'000);
                 host.startAgain();
             }},
-        {"SIGTERM", [&] { endHost(SIGTERM); }},
-        {"the host's death", [&] { endHost(SIGKILL); }},
+        {"SIGTERM", never, [&] { endHost(SIGTERM); }},
+        {"the host's death", never, [&] { endHost(SIGKILL); }},
     };
-    for (const auto& [name, end] : rows) {
-        ASSERT_TRUE(host.waitUntilListening()) << name << host.log();
+    const auto begin = [&] {
+        ASSERT_TRUE(host.waitUntilListening()) << host.log();
+        services.unlock();
         phone.emplace(host.port());
         phone->send(helloOfPhone());
-        phone->send(message::SetOptions{sessionOption::privacyScreen});
-        ASSERT_TRUE(phone->wait<message::VideoFrame>()) << name << host.log();
-        ASSERT_TRUE(eventually([&] { return desktop.panels().areDark(); })) << name << host.log();
-        EXPECT_EQ(desktop.panels().shape(), "390x844") << name;
+        phone->send(message::SetOptions{sessionOption::privacyScreen | sessionOption::lockAtEnd});
+        ASSERT_TRUE(phone->wait<message::VideoFrame>()) << host.log();
+        phone->send(message::Key{56, true, keyModifier::shift});
+        phone->send(message::MouseButtonChange{MouseButton::middle, true, 1});
+        ASSERT_TRUE(eventually([&] { return desktop.panels().areDark(); })) << host.log();
+        ASSERT_TRUE(eventually([&] { return desktop.isAnythingHeld(); })) << host.log();
+        ASSERT_TRUE(
+            eventually([&] { return services.isKeptAwakeByLogin() && services.isKeptAwakeBySaver(); }));
+        EXPECT_EQ(desktop.panels().shape(), "390x844");
+    };
+    for (const auto& [name, lock, end] : rows) {
+        SCOPED_TRACE(name);
+        begin();
+        if (testing::Test::HasFatalFailure()) return;
         end();
+        const bool isToLock = lock == beforeThePanelsLightUp;
+        EXPECT_TRUE(!isToLock || eventually([&] {
+            const bool wereDark = desktop.panels().areDark();
+            if (services.isLocked()) return true;
+            EXPECT_TRUE(wereDark);
+            return false;
+        })) << host.log();
         EXPECT_TRUE(eventually([&] { return desktop.panels() == before; }))
-            << name << desktop.monitors() << host.log();
-        EXPECT_TRUE(eventually([&] {
-            return !std::filesystem::exists(host.support() / "display-restore.json");
-        })) << name;
+            << desktop.monitors() << host.log();
+        EXPECT_TRUE(eventually([&] { return !desktop.isAnythingHeld(); })) << host.log();
+        EXPECT_TRUE(eventually([&] { return !isKeptAwake(); }));
+        EXPECT_EQ(services.isLocked(), isToLock);
+        EXPECT_TRUE(
+            eventually([&] { return !std::filesystem::exists(host.support() / "display-restore.json"); }));
     }
+
+    begin();
+    if (testing::Test::HasFatalFailure()) return;
+    desktop.server.kill();
+    EXPECT_TRUE(eventually([&] {
+        phone->send(message::Ping{1, 1});
+        return services.isLocked();
+    })) << host.log();
+    EXPECT_TRUE(eventually([&] { return !isKeptAwake(); }));
+}
+
+TEST(PhoneDisplay, goesAsSoonAsThePhoneWantsAnother)
+{
+    Desktop desktop;
+    const auto before = desktop.panels();
+    HostProgram host(desktop.server.display());
+    ASSERT_TRUE(host.waitUntilListening());
+    peers::RawPhone phone(host.port());
+    phone.send(helloOfPhone());
+    ASSERT_TRUE(phone.wait<message::VideoFrame>()) << host.log();
+    phone.send(message::SetDisplay{{DisplayMode::mirrorMain, 0, 0}});
+    EXPECT_TRUE(eventually([&] { return desktop.panels() == before; })) << desktop.monitors() << host.log();
+}
+
+TEST(PhoneDisplay, choosesAmongTheDisplaysAndFollowsThemAsTheyComeAndGo)
+{
+    Desktop desktop;
+    HostProgram host(desktop.server.display());
+    ASSERT_TRUE(host.waitUntilListening());
+    peers::RawPhone phone(host.port());
+    auto hello = helloOfPhone();
+    hello.display.mode = DisplayMode::mirrorMain;
+    hello.viewport = {1280, 768, 1};
+    phone.send(hello);
+    const auto listOf = [&](std::size_t count) {
+        phone.send(message::Ping{1, 1});
+        std::optional<message::DisplayList> list;
+        do list = phone.wait<message::DisplayList>();
+        while (list && list->displays.size() != count);
+        return list.value_or(message::DisplayList{}).displays;
+    };
+    const auto streams = [&](float widthPt, float heightPt) {
+        for (;;) {
+            const auto info = phone.wait<message::DisplayInfo>();
+            if (!info) return false;
+            if (info->displayWidthPt == widthPt && info->displayHeightPt == heightPt)
+                return phone.wait<message::VideoFrame>().has_value();
+        }
+    };
+    const auto pushPointerTo = [&](std::pair<int, int> corner) {
+        phone.send(message::MouseMove{10'000, 10'000});
+        return eventually([&] { return desktop.pointer() == corner; });
+    };
+    const auto both = listOf(2);
+    ASSERT_EQ(both.size(), 2U) << host.log();
+    const auto second = std::ranges::find(both, 1024U, &DisplayDescriptor::widthPt);
+    ASSERT_NE(second, both.end());
+    EXPECT_FALSE(second->isMain);
+    ASSERT_TRUE(streams(1280, 720)) << host.log();
+    EXPECT_TRUE(pushPointerTo({1279, 719})) << "not beyond the display that is shown";
+
+    phone.send(message::SetDisplay{{DisplayMode::mirrorMain, 0, second->id}});
+    ASSERT_TRUE(streams(1024, 768)) << host.log();
+    EXPECT_TRUE(pushPointerTo({1280 + 1023, 100 + 767}));
+
+    desktop.server.run({"xrandr", "--output", "DUMMY1", "--off"});
+    EXPECT_EQ(listOf(1).size(), 1U);
+    EXPECT_TRUE(streams(1280, 720)) << "the main one in place of one that went" << host.log();
+    desktop.server.run({"xrandr", "--output", "DUMMY1", "--mode", "second", "--pos", "1280x100"});
+    EXPECT_EQ(listOf(2).size(), 2U);
+    EXPECT_TRUE(streams(1024, 768)) << "the chosen one came back" << host.log();
+    EXPECT_TRUE(pushPointerTo({1280 + 1023, 100 + 767}));
 }
 
 TEST(PhoneDisplay, isMadeAnewOnAServerThatStartedAnew)

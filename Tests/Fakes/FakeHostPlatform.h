@@ -40,6 +40,7 @@ public:
     Power& power() override { return powerPort; }
     Permissions& permissions() override { return permissionsPort; }
     System& system() override { return systemPort; }
+    void letGoAfterEarlierHost() override {}
     std::unique_ptr<EventPosting> makeEventPosting(QueueRef) override
     {
         return std::make_unique<Posting>(events);
