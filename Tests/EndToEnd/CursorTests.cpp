@@ -6,6 +6,7 @@
 #include "Tests/Lab/Wire.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
@@ -37,10 +38,10 @@ public:
     ~Door()
     {
         shutdown(listener, SHUT_RDWR);
-        for (const int end : ends) shutdown(end, SHUT_RDWR);
+        for (const auto& end : ends) shutdown(end, SHUT_RDWR);
         thread.join();
         close(listener);
-        for (const int end : ends) close(end);
+        for (const auto& end : ends) close(end);
     }
     Door(const Door&) = delete;
     Door& operator=(const Door&) = delete;
@@ -62,7 +63,7 @@ private:
         if (ends[0] < 0 || connect(ends[1], reinterpret_cast<const sockaddr*>(&host), sizeof host) != 0)
             return;
         const int yes = 1;
-        for (const int end : ends) setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        for (const auto& end : ends) setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
         Bytes buffer(65536);
         for (;;) {
             pollfd waiting[] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
@@ -83,7 +84,7 @@ private:
 
     const std::uint16_t port;
     int listener = -1;
-    int ends[2] = {-1, -1};
+    std::atomic<int> ends[2] = {-1, -1}; // set by the thread, shut down from outside
     std::thread thread;
 };
 

@@ -230,12 +230,14 @@ TEST(Session, dropsFramesForAPhoneThatStopsReadingAndStaysSmall)
     // Silent on the receiving side, alive on the other.
     std::uint32_t pings = 0;
     const auto hasDropped = [&](int frames) {
-        return eventually([&] {
-            phone.send(message::Ping{++pings, pings});
-            const auto status = host.control({"status", "--json"});
-            const auto drops = status.find("\"drops\":");
-            return drops != std::string::npos && std::stoi(status.substr(drops + 8)) > frames;
-        });
+        return eventually(
+            [&] {
+                phone.send(message::Ping{++pings, pings});
+                const auto status = host.control({"status", "--json"});
+                const auto drops = status.find("\"drops\":");
+                return drops != std::string::npos && std::stoi(status.substr(drops + 8)) > frames;
+            },
+            lab::slowness * 20s);
     };
     ASSERT_TRUE(hasDropped(30)) << host.control({"status", "--json"});
     const auto memoryBefore = host.process().residentKiB(); // every buffer has its size by now
