@@ -74,6 +74,7 @@ Result<void, std::string> HostController::start()
     else
         log.info("rendezvous: no phone comes in from elsewhere: {}", service.error());
     startServer();
+    watchAgents();
     return {};
 }
 
@@ -117,6 +118,13 @@ void HostController::startServer()
     });
 }
 
+void HostController::watchAgents()
+{
+    const QueueRef agentQueue = surroundings.queues.makeQueue("dev.pelorin.host.agents");
+    agents = Confined<AgentDeckKeeper>(agentQueue,
+        [where = places.agents, agentQueue] { return std::make_unique<AgentDeckKeeper>(where, agentQueue); });
+}
+
 void HostController::handle(const ServerEvent& event)
 {
     std::visit(Overloaded{
@@ -137,6 +145,8 @@ void HostController::handleRequest(const std::string& text, ControlSocket::Reply
     if (command == "pair") return beginPairing(std::move(reply));
     if (command == "devices") return reply(PairingCommands::devices(surroundings.pairing));
     if (command == "remove") return reply(PairingCommands::remove(surroundings.pairing, request["id"]));
+    if (command == "agents") return reportAgents(std::move(reply));
+    if (command == "agent-event") return noteAgent(request["event"], std::move(reply));
     if (command != "quit") return reply(line({{"error", "unknown command"}}));
     reply(line({{"quitting", true}}));
     quit();
@@ -173,6 +183,21 @@ void HostController::beginPairing(ControlSocket::Reply reply)
     server.run([answer](HostServer& running) { answer(running.status()); });
 }
 
+void HostController::reportAgents(ControlSocket::Reply reply)
+{
+    const auto answer = here([reply = std::move(reply)](const AgentDeckState& state) {
+        reply(state.encode(DateCoding::secondsSince2001, 2) + "\n");
+    });
+    agents.run([answer](AgentDeckKeeper& keeper) { answer(keeper.state()); });
+}
+
+void HostController::noteAgent(std::string report, ControlSocket::Reply reply)
+{
+    const auto answer = here([reply = std::move(reply)](bool isNoted) { reply(line({{"noted", isNoted}})); });
+    agents.run(
+        [answer, report = std::move(report)](AgentDeckKeeper& keeper) { answer(keeper.noteClaude(report)); });
+}
+
 std::optional<PairingCommands::Remote> HostController::remotePairing() const
 {
     if (!identity) return std::nullopt;
@@ -201,6 +226,7 @@ void HostController::quit()
 
 void HostController::letGo()
 {
+    agents = {};
     server = {};
     controlSocket.reset();
     if (onQuit) onQuit();

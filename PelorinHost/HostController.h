@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinHost/Agents/AgentDeckKeeper.h"
 #include "PelorinHost/HostServer.h"
 #include "PelorinHost/Shell/ConnectionLog.h"
 #include "PelorinHost/Shell/ControlSocket.h"
@@ -16,6 +17,7 @@ public:
     struct Places {
         std::filesystem::path supportDirectory;
         std::filesystem::path logDirectory;
+        AgentPlaces agents = {};
     };
     // Without makeSocket the host stays out of the rendezvous service's reach.
     HostController(SessionSurroundings surroundings, HostServer::Listen listen, Places places, QueueRef queue,
@@ -30,11 +32,14 @@ public:
 private:
     void loadIdentity();
     void startServer();
+    void watchAgents();
     void handle(const ServerEvent& event);
     void handleRequest(const std::string& text, ControlSocket::Reply reply);
     void reportStatus(ControlSocket::Reply reply);
     void disconnectSession(ControlSocket::Reply reply);
     void beginPairing(ControlSocket::Reply reply);
+    void reportAgents(ControlSocket::Reply reply);
+    void noteAgent(std::string report, ControlSocket::Reply reply);
     std::optional<PairingCommands::Remote> remotePairing() const;
     std::optional<std::chrono::seconds> pairingOpenFor() const;
     void letGo();
@@ -53,6 +58,7 @@ private:
     std::unique_ptr<ControlSocket> controlSocket;
     std::optional<ConnectionLog> connectionLog;
     Confined<HostServer> server;
+    Confined<AgentDeckKeeper> agents;
     std::vector<std::string> allowedLogins;
     std::optional<std::string> rendezvousStatus;
     bool isQuitting = false;

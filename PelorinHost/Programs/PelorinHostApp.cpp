@@ -1,6 +1,7 @@
 #include "PelorinHost/HostController.h"
 #include "PelorinHost/Linux/LinuxPlatform.h"
 #include "PelorinHost/Linux/ServiceManager.h"
+#include "PelorinHost/Shell/AgentCommands.h"
 #include "PelorinHost/Shell/ControlClient.h"
 #include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
@@ -13,6 +14,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <iostream>
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 
@@ -61,7 +63,10 @@ void addOptions(CLI::App& app, Options& options)
     const std::pair<const char*, const char*> commands[] = {{"status", "Tell what the running host does"},
         {"pair", "Let one new phone in: prints its link and QR code, which anybody could use"},
         {"devices", "List the paired phones"}, {"remove", "Remove a paired phone and end its session"},
-        {"disconnect", "End the running session"}, {"quit", "End the running host"}};
+        {"disconnect", "End the running session"}, {"agents", "Tell what the coding agents here are doing"},
+        {"agent-event",
+            "Take note of what a hook or the status line of Claude Code is told on standard input"},
+        {"quit", "End the running host"}};
     for (const auto& [name, description] : commands) {
         auto* command = app.add_subcommand(name, description)->fallthrough();
         command->add_flag("--json", options.wantsJSON, "Print JSON");
@@ -79,6 +84,7 @@ std::optional<std::string> readable(const std::string& command, const std::strin
     if (command == "pair") return PairingCommands::readablePair(reply);
     if (command == "devices") return PairingCommands::readableDevices(reply);
     if (command == "remove") return PairingCommands::readableRemoval(reply);
+    if (command == "agents") return AgentCommands::readableDeck(reply);
     return std::nullopt;
 }
 
@@ -120,6 +126,15 @@ int ask(const Options& options, const std::filesystem::path& directory)
     std::fputs((text ? *text : *reply).c_str(), stdout);
     if (error) return 1;
     return options.codeFile.empty() ? 0 : writeCode(*reply, options.codeFile);
+}
+
+// An agent runs this and waits for it, and shows its user what it prints and that it failed: it does neither.
+int passOnAgentEvent(const std::filesystem::path& directory)
+{
+    constexpr std::chrono::seconds patience{1};
+    if (const auto request = AgentCommands::eventRequest(std::cin))
+        (void)askHost(directory, *request, patience);
+    return 0;
 }
 
 // Must come before the first thread, which inherits it.
@@ -177,9 +192,11 @@ int main(int argumentCount, char** arguments)
     Log::setLevel(options.logLevel);
 
     const auto system = makeLinuxSystem();
-    HostController::Places places{system->supportDirectory(), system->logDirectory()};
+    HostController::Places places{
+        system->supportDirectory(), system->logDirectory(), AgentPlaces::ofThisUser()};
     if (!options.supportDirectory.empty()) places.supportDirectory = options.supportDirectory;
     if (!options.logDirectory.empty()) places.logDirectory = options.logDirectory;
+    if (options.command == "agent-event") return passOnAgentEvent(places.supportDirectory);
     if (!options.command.empty()) return ask(options, places.supportDirectory);
 
     const sigset_t signals = takeSignals();

@@ -8,17 +8,18 @@
 namespace pelorin {
 namespace {
 
-constexpr timeval patience{10, 0}; // seconds; a running host answers in milliseconds
 constexpr std::size_t maxReplyBytes = 1 << 20;
 
 } // namespace
 
-Result<std::string, std::string> askHost(const std::filesystem::path& directory, const std::string& request)
+Result<std::string, std::string> askHost(
+    const std::filesystem::path& directory, const std::string& request, std::chrono::seconds patience)
 {
     const auto socket = connectLocally(directory / ControlSocket::fileName);
     if (!socket)
         return std::unexpected(fmt::format("no host runs in {} ({})", directory.string(), socket.error()));
-    ::setsockopt(socket->get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const timeval limit{patience.count(), 0};
+    ::setsockopt(socket->get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const std::string line = request + "\n";
     if (::send(socket->get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
         return std::unexpected("the host does not take requests");

@@ -29,6 +29,9 @@ HostProgram::HostProgram(
     : listenPort(freePort()),
       environment(std::move(newEnvironment))
 {
+    // The agents of whoever runs the tests are none of theirs; of two words on one variable the first counts.
+    const auto nowhere = (folder.path() / "none").string();
+    environment.insert(environment.end(), {"CLAUDE_CONFIG_DIR=" + nowhere, "CODEX_HOME=" + nowhere});
     environment.push_back("DISPLAY=" + display);
     const std::string separator = settings.empty() ? "" : ", ";
     writeSettings("\"allowLoopbackForTesting\": true" + separator + settings);
