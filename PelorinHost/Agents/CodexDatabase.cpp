@@ -67,7 +67,6 @@ Connection open(const std::filesystem::path& database)
     sqlite3_open_v2(uriOf(database).c_str(), &opened,
         SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE, nullptr);
     if (opened && sqlite3_errcode(opened) == SQLITE_OK) {
-        sqlite3_busy_timeout(opened, 0);
         sqlite3_limit(opened, SQLITE_LIMIT_LENGTH, longestValue);
         sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
         sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);

@@ -1,4 +1,6 @@
 #include "PelorinHost/Agents/CodexDatabase.h"
+#include "PelorinHost/Platform/FolderWatch.h"
+#include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Lab/Process.h"
 #include "Tests/Lab/Wait.h"
@@ -117,7 +119,7 @@ TEST_F(CodexDatabaseTest, readsDatesPathsAndWhatIsPutAwayAndNoMoreThanTheLatest)
     EXPECT_EQ(read(), "interrupted") << "before it takes long";
 }
 
-TEST_F(CodexDatabaseTest, neitherWritesNorWaitsWhateverAWriterDoes)
+TEST_F(CodexDatabaseTest, leavesNoTraceWhateverAWriterDoes)
 {
     const std::string table = "CREATE TABLE threads (id, title); INSERT INTO threads VALUES ('a', 'old');";
     const struct {
@@ -145,7 +147,13 @@ TEST_F(CodexDatabaseTest, neitherWritesNorWaitsWhateverAWriterDoes)
             process->waitForExit(20'000);
         }
         const auto before = files();
+        ManualQueues queues;
+        FolderWatch watch(queues.makeQueue("files"));
+        watch.watch({folder.path()});
+        watch.onChange
+            = [name = name](const FolderWatch::Paths&) { ADD_FAILURE() << "a change of our own, " << name; };
         EXPECT_EQ(read(), expected) << name;
+        queues.advance(1s);
         EXPECT_EQ(files(), before) << name;
     }
 }

@@ -297,8 +297,13 @@ TEST_F(CodexMonitorTest, takesTitlesFromTheListAndFollowsItToOldThreadsOnly)
     EXPECT_THAT(phases, UnorderedElementsAre(AgentPhase::running, AgentPhase::idle));
 
     list(someID, "Fixing it", rollout, true);
-    queues.advance(CodexMonitor::databasePause);
     EXPECT_THAT(ids(), ElementsAre("old")) << "the other was put away";
+    list(someID, "Fixing it", rollout, false);
+    EXPECT_THAT(ids(), ElementsAre("old")) << "asked too soon";
+    queues.advance(CodexMonitor::databasePause);
+    EXPECT_EQ(ids().size(), 2U);
+    list(someID, "Fixing it", rollout, true);
+    queues.advance(CodexMonitor::databasePause);
     for (int i = 0; i < 3; ++i) {
         lab::write(database, "no database any more " + std::to_string(i));
         queues.advance(CodexMonitor::databasePause);
