@@ -54,9 +54,9 @@ std::string threadIn(const std::filesystem::path& rollout)
 
 } // namespace
 
-CodexMonitor::CodexMonitor(std::filesystem::path newRoot, std::filesystem::path newDatabaseFolder,
+CodexMonitor::CodexMonitor(const std::filesystem::path& root, std::filesystem::path newDatabaseFolder,
     std::chrono::microseconds newRecent, QueueRef newQueue)
-    : sessionsFolder(newRoot / "sessions"),
+    : sessionsFolder(root / "sessions"),
       databaseFolder(std::move(newDatabaseFolder)),
       recent(newRecent),
       queue(std::move(newQueue)),

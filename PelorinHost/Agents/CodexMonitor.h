@@ -18,7 +18,7 @@ public:
     // So often at most is the database asked.
     static constexpr Duration databasePause = std::chrono::seconds(5);
 
-    CodexMonitor(std::filesystem::path newRoot, std::filesystem::path newDatabaseFolder,
+    CodexMonitor(const std::filesystem::path& root, std::filesystem::path newDatabaseFolder,
         std::chrono::microseconds newRecent, QueueRef newQueue);
 
     AgentActivity activity() override; // that time has passed is not told by onChange

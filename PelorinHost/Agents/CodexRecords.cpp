@@ -55,7 +55,7 @@ std::optional<AgentUsage> usageIn(const json& limits, DeckDate when)
         const int usual = std::string_view(key) == "primary" ? 300 : 10080;
         const int minutes = LooseJSON::integer(limit, "window_minutes").value_or(usual);
         auto& place = minutes <= sessionMinutes ? usage.session : usage.weekly;
-        if (auto found = window(limit, when)) place = std::move(found);
+        if (const auto found = window(limit, when)) place = found;
     }
     return usage == AgentUsage{} ? std::nullopt : std::optional(usage);
 }
