@@ -132,8 +132,9 @@ int ask(const Options& options, const std::filesystem::path& directory)
 int passOnAgentEvent(const std::filesystem::path& directory)
 {
     constexpr std::chrono::seconds patience{1};
-    if (const auto request = AgentCommands::eventRequest(std::cin))
-        (void)askHost(directory, *request, patience);
+    const auto request = AgentCommands::eventRequest(std::cin);
+    if (!request) return 0;
+    [[maybe_unused]] const auto reply = askHost(directory, *request, patience);
     return 0;
 }
 
