@@ -234,10 +234,6 @@ TEST_F(RealRelay, isNoWayIntoTheNetworkAroundIt)
         {"0.0.0.0", "10.0.0.1", "10.255.255.255", "100.64.0.1", "127.0.0.1", "127.9.9.9", "169.254.169.254",
             "172.16.0.1", "172.31.255.255", "192.168.1.1", "198.18.0.1", "224.0.0.1", "255.255.255.255"})
         EXPECT_THAT(permit(inside), StartsWith("createPermission failed: 403")) << inside;
-    // The allocation is one of IPv4, which alone keeps these out (443); what else does is the same list.
-    for (const char* inside : {"::", "::1", "::ffff:127.0.0.1", "::ffff:10.0.0.1", "::7f00:1",
-             "64:ff9b::7f00:1", "2002:7f00:1::", "fc00::1", "fd12::1", "fe80::1", "ff02::1"})
-        EXPECT_THAT(permit(inside), StartsWith("createPermission failed: 4")) << inside;
     for (const char* outside : {"9.255.255.255", "11.0.0.0", "100.63.255.255", "100.128.0.0",
              "172.15.255.255", "172.32.0.0", "192.167.255.255", "198.51.100.2", "223.255.255.255"})
         EXPECT_EQ(permit(outside), "") << outside;
