@@ -6,8 +6,7 @@
 namespace pelorin {
 namespace {
 
-constexpr std::chrono::seconds tickPeriod{1}; // by so much a limit of time may be exceeded
-constexpr int ticksBetweenCleanings = 60;
+constexpr std::chrono::minutes cleaningPeriod{1};
 
 constexpr std::string_view hostTarget = "/v1/host";
 constexpr std::string_view phoneTarget = "/v1/connect/";
@@ -54,7 +53,8 @@ Service::Service(QueueRef newQueue, Links& newLinks, Options newOptions, RelayCr
       cluster(broker ? std::make_unique<Cluster>(queue, links, *broker, figures, random) : nullptr),
       switchboard(
           queue, cluster ? *cluster : links, admission, figures, std::move(relays), std::move(random)),
-      ticking(queue->every(tickPeriod, [this] { tick(); }))
+      ticking(queue->every(Deadlines<ConnectionID>::period, [this] { endOverdue(); })),
+      cleaning(queue->every(cleaningPeriod, [this] { admission.forgetIdle(queue->now()); }))
 {
     if (cluster) cluster->serve(switchboard);
 }
@@ -74,7 +74,8 @@ bool Service::opened(ConnectionID connection, const IPAddress& address)
         return false;
     }
     ++figures.connections;
-    visitors.insert({connection, {source, queue->now()}});
+    visitors.insert({connection, {source}});
+    deadlines.add(connection, queue->now() + Limits::opening);
     return true;
 }
 
@@ -197,24 +198,23 @@ void Service::gone(ConnectionID connection)
     visitors.erase(found);
 }
 
-void Service::tick()
+void Service::endOverdue()
 {
-    const SteadyTime now = queue->now();
-    for (auto& [connection, visitor] : visitors) {
-        if (!visitor.isWaiting || now - visitor.since < Limits::opening) continue;
-        visitor.isWaiting = false;
+    for (const ConnectionID connection : deadlines.takeDue(queue->now())) {
+        const auto found = visitors.find(connection);
+        if (found == visitors.end() || !std::exchange(found->second.isWaiting, false)) continue;
         ++figures.silent;
         refuse(connection, "408 Request Timeout");
     }
     switchboard.endOverdue();
     if (cluster) cluster->endOverdue();
-    if (++ticks % ticksBetweenCleanings == 0) admission.forgetIdle(now);
 }
 
 void Service::stop()
 {
     queue->assertCurrent();
     ticking.cancel();
+    cleaning.cancel();
     for (auto& [connection, visitor] : visitors)
         if (std::exchange(visitor.isWaiting, false)) refuse(connection, "503 Service Unavailable");
     switchboard.closeAll();

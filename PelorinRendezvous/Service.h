@@ -35,7 +35,6 @@ public:
 private:
     struct Visitor {
         std::optional<IPAddress> source; // none yet: a proxy's that has not said for whom it comes
-        SteadyTime since;
         bool isWaiting = true; // for the request
     };
     bool findSource(Visitor& visitor, const HttpRequest& request);
@@ -46,7 +45,7 @@ private:
     void refuse(ConnectionID connection, std::string_view status, std::string_view moreFields = {});
     bool isElsewhere(ConnectionID connection) const { return cluster && cluster->has(connection); }
     void left(ConnectionID connection);
-    void tick();
+    void endOverdue();
     bool isProxy(const IPAddress& address) const;
 
     const QueueRef queue;
@@ -58,8 +57,9 @@ private:
     const std::unique_ptr<Cluster> cluster; // none: a service of one node
     Switchboard switchboard;
     std::unordered_map<ConnectionID, Visitor> visitors;
-    int ticks = 0;
+    Deadlines<ConnectionID> deadlines; // of their requests
     Subscription ticking;
+    Subscription cleaning;
 };
 
 } // namespace pelorin

@@ -45,7 +45,7 @@ void Switchboard::welcomeHost(ConnectionID connection, const IPAddress& source)
 {
     const SteadyTime now = queue->now();
     const std::string nonce = base64URLEncodedString(random(randomSize));
-    peers.insert({connection, {Stage::challenged, now, now, {}, {}, nonce, source}});
+    admit(connection, {Stage::challenged, now, now, {}, {}, nonce, source});
     links.send(connection, ToPeer::challenge(nonce));
 }
 
@@ -57,8 +57,14 @@ void Switchboard::welcomePhone(ConnectionID connection, const std::string& hostI
         return links.close(connection, CloseCode::inOrder, "offline");
     }
     const SteadyTime now = queue->now();
-    peers.insert({connection, {Stage::greeted, now, now, {}, hostID, {}, std::nullopt}});
+    admit(connection, {Stage::greeted, now, now, {}, hostID, {}, std::nullopt});
     links.send(connection, ToPeer::hello(true, relays.make(queue->wallNow(), random(userSize))));
+}
+
+void Switchboard::admit(ConnectionID connection, Peer peer)
+{
+    deadlines.add(connection, deadlineOf(peer));
+    peers.insert({connection, std::move(peer)});
 }
 
 void Switchboard::heard(ConnectionID connection)
@@ -258,26 +264,30 @@ void Switchboard::gone(ConnectionID connection)
 void Switchboard::endOverdue()
 {
     const SteadyTime now = queue->now();
-    std::vector<std::pair<ConnectionID, Stage>> overdue;
-    for (const auto& [connection, peer] : peers)
-        if (isOverdue(peer, now)) overdue.emplace_back(connection, peer.stage);
-    for (const auto& [connection, stage] : overdue)
-        if (peers.contains(connection)) endOverdue(connection, stage); // one may have taken others along
+    for (const ConnectionID connection : deadlines.takeDue(now)) {
+        const auto found = peers.find(connection);
+        if (found == peers.end()) continue; // also one whom another took along
+        const SteadyTime end = deadlineOf(found->second);
+        if (end > now)
+            deadlines.add(connection, end);
+        else
+            endOverdue(connection, found->second.stage);
+    }
 }
 
-bool Switchboard::isOverdue(const Peer& peer, SteadyTime now) const
+SteadyTime Switchboard::deadlineOf(const Peer& peer)
 {
     switch (peer.stage) {
     case Stage::challenged:
     case Stage::greeted:
-        return now - peer.since >= Limits::opening;
+        return peer.since + Limits::opening;
     case Stage::asking:
-        return now - peer.since >= Limits::answering;
+        return peer.since + Limits::answering;
     case Stage::host:
     case Stage::connected:
-        return now - peer.heard >= Limits::silence;
+        return peer.heard + Limits::silence;
     }
-    return true;
+    return peer.since;
 }
 
 void Switchboard::endOverdue(ConnectionID connection, Stage stage)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PelorinRendezvous/Admission.h"
+#include "PelorinRendezvous/Deadlines.h"
 #include "PelorinRendezvous/Figures.h"
 #include "PelorinRendezvous/Links.h"
 #include "PelorinRendezvous/RelayCredentials.h"
@@ -24,7 +25,7 @@ public:
     void received(ConnectionID connection, std::string_view text);
     void heard(ConnectionID connection); // something other than a text
     void gone(ConnectionID connection);
-    void endOverdue(); // to be called about once a second
+    void endOverdue(); // to be called each period of Deadlines
     void closeAll(); // the service ends
     void replaceHost(const std::string& hostID); // it has registered elsewhere
 
@@ -69,6 +70,7 @@ private:
         Peer& peer;
     };
 
+    void admit(ConnectionID connection, Peer peer);
     Peer* hear(ConnectionID connection);
 
     void tryToRegister(ConnectionID connection, Peer& peer, std::string_view text);
@@ -94,7 +96,7 @@ private:
     void turnAway(ConnectionID connection, std::string_view reason);
     void breakOff(ConnectionID connection, WebSocket::CloseCode code, std::string_view reason);
     void endOverdue(ConnectionID connection, Stage stage);
-    bool isOverdue(const Peer& peer, SteadyTime now) const;
+    static SteadyTime deadlineOf(const Peer& peer); // never earlier than it was
 
     const QueueRef queue;
     Links& links;
@@ -103,6 +105,7 @@ private:
     const RelayCredentials relays;
     const RandomBytes random;
     std::unordered_map<ConnectionID, Peer> peers;
+    Deadlines<ConnectionID> deadlines; // of the peers
     std::unordered_map<std::string, Host> hosts; // by host id
     std::size_t sessions = 0;
 };

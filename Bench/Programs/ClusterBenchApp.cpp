@@ -1,7 +1,7 @@
 // What a host costs a node of the rendezvous service and its broker, plain and over TLS, and what a phone's
-// request costs one node, alone and beside idle hosts, and three, as JSON. Arguments: hosts, requests. Peers
-// run in this process, so rates are those of a machine that does both; the processor time of service and
-// broker is theirs alone.
+// request costs one node, alone and beside idle hosts, and three, as JSON. Arguments: hosts, requests, and
+// the sections wanted, by their names in the JSON, if not all. Peers run in this process, so rates are those
+// of a machine that does both; the processor time of service and broker is theirs alone.
 
 #include "PelorinCore/Pairing/Base64URL.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
@@ -346,6 +346,7 @@ json requests(int count, std::size_t nodeCount, std::size_t phoneThreads, int id
     result["requestsPerSecond"] = count / seconds;
     result["p50Ms"] = quantile(joined, 0.5);
     result["p99Ms"] = quantile(joined, 0.99);
+    result["p999Ms"] = quantile(joined, 0.999);
     result["nodesProcessorMicrosPerRequest"] = all * 1e6 / count;
     result["busiestNodeProcessorMicrosPerRequest"] = busiest * 1e6 / count;
     if (broker)
@@ -364,9 +365,17 @@ int main(int argumentCount, char** arguments)
         limit.rlim_cur = limit.rlim_max;
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
-    const json result{{"besideIdleHosts", requests(requestCount, 1, 4, hosts)},
-        {"idleOverTLS", idleOverTLS(hosts)}, {"idleInCluster", idleInCluster(hosts)},
-        {"oneNode", requests(requestCount, 1, crowd)}, {"threeNodes", requests(requestCount, 3, crowd)}};
+    const std::vector<std::string> wanted(arguments + std::min(argumentCount, 3), arguments + argumentCount);
+    const std::pair<const char*, std::function<json()>> sections[]{
+        {"besideIdleHosts", [&] { return requests(requestCount, 1, 4, hosts); }},
+        {"idleOverTLS", [&] { return idleOverTLS(hosts); }},
+        {"idleInCluster", [&] { return idleInCluster(hosts); }},
+        {"oneNode", [&] { return requests(requestCount, 1, crowd); }},
+        {"threeNodes", [&] { return requests(requestCount, 3, crowd); }},
+    };
+    json result;
+    for (const auto& [name, measure] : sections)
+        if (wanted.empty() || std::ranges::find(wanted, name) != wanted.end()) result[name] = measure();
     fmt::print("{}\n", result.dump(2));
     return 0;
 }

@@ -14,7 +14,7 @@ using NodeMessage::Text;
 using WebSocket::CloseCode;
 
 constexpr ConnectionID guestIDs = ConnectionID{1} << 63; // beyond what sockets ever count to
-constexpr int ticksBetweenLooks = 10; // so many seconds until a node that died is missed
+constexpr std::chrono::seconds lookPeriod{10}; // until a node that died is missed
 constexpr std::size_t maxEarly = 64 * 1024; // the request of a phone that did not wait for hello
 constexpr std::size_t maxEarlyMessages = 8;
 
@@ -51,6 +51,7 @@ void Cluster::serve(Switchboard& newSwitchboard)
     };
     switchboard->onLeft
         = [this](const std::string& hostID) { broker.unsubscribe(NodeSubject::ofHost(hostID)); };
+    looking = queue->every(lookPeriod, [this] { lookForNodes(); });
     broker.onState = [this](bool nowInReach) { stateChanged(nowInReach); };
     broker.onMessage = [this](const Broker::Message& message) { received(message); };
     broker.onNobody = [this](const std::string& replyTo) { nobodyAt(replyTo); };
@@ -87,7 +88,7 @@ void Cluster::lose()
     lost.clear();
     for (const auto& [guest, phone] : guests) lost.push_back(guest);
     for (const ConnectionID guest : lost) leaveGuest(guest);
-    for (auto& [token, question] : std::exchange(questions, {})) question.answer(false);
+    for (auto& [token, answer] : std::exchange(questions, {})) answer(false);
 }
 
 // Other nodes may hold the same hosts since before, or since we last heard: the ages decide.
@@ -120,8 +121,9 @@ bool Cluster::publish(const NodeAddress& to, const NodeMessage::Any& message, co
 void Cluster::welcomePhone(ConnectionID connection, const std::string& hostID)
 {
     const std::string token = newName();
-    phones.insert({connection, {token, queue->now(), {}, std::nullopt, {}, 0}});
+    phones.insert({connection, {token, {}, std::nullopt, {}, 0}});
     phonesByToken.insert({token, connection});
+    inquiries.add(token, queue->now() + Limits::inquiry);
     const bool isAsked = isInReach()
         && broker.publish(
             NodeSubject::ofHost(hostID), NodeMessage::write(NodeMessage::Open{}), addressOf(token).subject());
@@ -204,13 +206,14 @@ void Cluster::ask(const std::string& hostID, Answer answer)
         && broker.publish(
             NodeSubject::ofHost(hostID), NodeMessage::write(NodeMessage::Ask{}), addressOf(token).subject());
     if (!isAsked) return answer(false);
-    questions.insert({token, {queue->now(), std::move(answer)}});
+    questions.insert({token, std::move(answer)});
+    inquiries.add(token, queue->now() + Limits::inquiry);
 }
 
 void Cluster::answerQuestion(const std::string& token, bool isOnline)
 {
     auto question = questions.extract(token);
-    if (question) question.mapped().answer(isOnline);
+    if (question) question.mapped()(isOnline);
 }
 
 void Cluster::received(const Broker::Message& message)
@@ -360,20 +363,16 @@ void Cluster::nodeLeft(const std::string& other)
 
 void Cluster::endOverdue()
 {
-    const SteadyTime now = queue->now();
-    std::vector<ConnectionID> unanswered;
-    for (const auto& [connection, phone] : phones)
-        if (!phone.host && now - phone.since >= Limits::inquiry) unanswered.push_back(connection);
-    for (const ConnectionID connection : unanswered) tellOffline(connection);
-    std::vector<std::string> open;
-    for (const auto& [token, question] : questions)
-        if (now - question.since >= Limits::inquiry) open.push_back(token);
-    for (const std::string& token : open) answerQuestion(token, false);
-    if (++ticks % ticksBetweenLooks == 0) lookForNodes();
+    for (const std::string& token : inquiries.takeDue(queue->now())) {
+        answerQuestion(token, false);
+        const auto phone = phonesByToken.find(token);
+        if (phone != phonesByToken.end() && !phones.at(phone->second).host) tellOffline(phone->second);
+    }
 }
 
 void Cluster::closeAll()
 {
+    looking.cancel();
     std::vector<ConnectionID> all;
     for (const auto& [connection, phone] : phones) all.push_back(connection);
     for (const ConnectionID connection : all) drop(connection, CloseCode::goingAway, "the service ends");

@@ -30,7 +30,7 @@ public:
     using Answer = std::function<void(bool isOnline)>;
     void ask(const std::string& hostID, Answer answer);
 
-    void endOverdue(); // to be called about once a second
+    void endOverdue(); // to be called each period of Deadlines
     void closeAll(); // the service ends
     bool isInReach() const { return !node.empty(); }
     std::size_t guestCount() const { return guests.size(); }
@@ -48,15 +48,10 @@ public:
 private:
     struct Phone { // of ours, the guest of another node
         std::string token;
-        SteadyTime since;
         SteadyTime paidBack; // of its messages' rate
         std::optional<NodeAddress> host; // where it is a guest, once that node has said something
         std::vector<std::string> early; // what it said before
         std::size_t earlySize = 0;
-    };
-    struct Question {
-        SteadyTime since;
-        Answer answer;
     };
 
     void stateChanged(bool nowInReach);
@@ -101,11 +96,12 @@ private:
     std::unordered_map<std::string, ConnectionID> phonesByToken;
     std::unordered_map<ConnectionID, NodeAddress> guests; // where their phones are
     std::unordered_map<std::string, ConnectionID> guestsByToken; // which is that of the phone
-    std::unordered_map<std::string, Question> questions; // by token
+    std::unordered_map<std::string, Answer> questions; // by token
+    Deadlines<std::string> inquiries; // tokens of phones and questions
     std::vector<std::string> toAnnounce; // hosts, after the broker was out of reach
     ConnectionID lastGuest;
-    int ticks = 0;
     Subscription announcing;
+    Subscription looking;
     Lifetime lifetime;
 };
 

@@ -306,6 +306,11 @@ TEST(RendezvousService, waitsForNobodyLongerThanItSays)
     peers.queues.advance(31s); // a minute of the first host's silence
     EXPECT_THAT(peers.read(host.connection), ElementsAre("close 1008"));
     EXPECT_FALSE(peers.isOver(busy.connection));
+
+    peers.queues.advance(28s); // and of the other's
+    EXPECT_FALSE(peers.isOver(busy.connection));
+    peers.queues.advance(2s);
+    EXPECT_THAT(peers.read(busy.connection), ElementsAre("close 1008"));
 }
 
 // One host and its phone that stay for a day, and another phone from somewhere else every minute.
