@@ -3,6 +3,7 @@
 #include "PelorinCore/Label.h"
 #include "PelorinHost/Agents/ClaudeRecords.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <istream>
 #include <nlohmann/json.hpp>
@@ -57,9 +58,11 @@ std::optional<std::string> AgentCommands::readableDeck(const std::string& json)
 
 std::optional<std::string> AgentCommands::eventRequest(std::istream& input)
 {
-    std::string text(ClaudeReport::maxSize + 1, '\0');
-    input.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(input.gcount()));
+    // In pieces, as nearly every report is far smaller than it may be.
+    std::string text;
+    std::array<char, 65'536> piece;
+    while (text.size() <= ClaudeReport::maxSize && input.read(piece.data(), piece.size()).gcount() > 0)
+        text.append(piece.data(), static_cast<std::size_t>(input.gcount()));
     const auto report = ClaudeReport::parse(text);
     if (!report) return std::nullopt;
     return nlohmann::json{{"command", "agent-event"}, {"event", report->encode()}}.dump();
