@@ -227,6 +227,7 @@ void HostSession::on(const message::ClientReport& report)
 void HostSession::on(const message::SetOptions& change)
 {
     options = change.options;
+    shareClipboard();
     if (onOptionsChanged) onOptionsChanged(*this);
 }
 
@@ -301,6 +302,14 @@ void HostSession::startCursor()
         running->input.injector());
     running->cursor->onPosition = [this](message::CursorPosition at) { outlet.sendLatest(at); };
     running->cursor->onImage = [this](message::CursorImage image) { outlet.sendLatest(std::move(image)); };
+}
+
+void HostSession::shareClipboard()
+{
+    auto& clipboard = running->input.clipboard();
+    if (!options.contains(sessionOption::clipboardSharing)) return clipboard.stop();
+    if (clipboard.isStarted()) return;
+    clipboard.start([this](std::string text) { outlet.sendLatest(message::Clipboard{std::move(text)}); });
 }
 
 ScreenStreamer::Settings HostSession::streamSettings()

@@ -83,6 +83,7 @@ private:
 
     void startStreaming();
     void startCursor();
+    void shareClipboard();
     ScreenStreamer::Settings streamSettings();
     void captureIs(const message::DisplayInfo& info);
 

@@ -1,9 +1,12 @@
 #include "PelorinHost/Linux/X11Pasteboard.h"
 
+#include "PelorinCore/Utf8.h"
+
 #include <algorithm>
 #include <string_view>
 #include <utility>
 #include <vector>
+#include <xcb/xfixes.h>
 
 namespace pelorin {
 namespace {
@@ -15,6 +18,10 @@ constexpr std::uint32_t mostInMultiple = 64; // pairs of atoms; an application a
 
 // The session waits meanwhile. A server that takes longer is stopped or as good as.
 constexpr std::chrono::milliseconds patience{200};
+
+constexpr std::chrono::seconds ownersPatience{2}; // for an application to answer, or to send its next piece
+constexpr std::chrono::seconds retryPeriod{5}; // where there is no server
+constexpr std::size_t mostTypes = 256;
 
 struct Atoms {
     xcb_atom_t clipboard;
@@ -28,14 +35,16 @@ struct Atoms {
     xcb_atom_t stamp; // the property that tells us the server's time
     xcb_atom_t multiple;
     xcb_atom_t atomPair;
+    xcb_atom_t content; // the property that owners answer us in
 };
 
 // Nothing when the server does not answer.
 std::optional<Atoms> internAtoms(const X11Connection& connection)
 {
     auto* c = connection.get();
-    constexpr std::array<std::string_view, 11> names{"CLIPBOARD", "TARGETS", "TIMESTAMP", "UTF8_STRING",
-        "text/plain;charset=utf-8", "text/plain", "TEXT", "INCR", "PELORIN_TIME", "MULTIPLE", "ATOM_PAIR"};
+    constexpr std::array<std::string_view, 12> names{"CLIPBOARD", "TARGETS", "TIMESTAMP", "UTF8_STRING",
+        "text/plain;charset=utf-8", "text/plain", "TEXT", "INCR", "PELORIN_TIME", "MULTIPLE", "ATOM_PAIR",
+        "PELORIN_CONTENT"};
     std::array<xcb_intern_atom_cookie_t, names.size()> asked{};
     std::array<xcb_atom_t, names.size()> atoms{};
     for (std::size_t i = 0; i < names.size(); ++i)
@@ -46,7 +55,7 @@ std::optional<Atoms> internAtoms(const X11Connection& connection)
         atoms[i] = reply->atom;
     }
     return Atoms{atoms[0], atoms[1], atoms[2], atoms[3], atoms[4], atoms[5], atoms[6], atoms[7], atoms[8],
-        atoms[9], atoms[10]};
+        atoms[9], atoms[10], atoms[11]};
 }
 
 // STRING is Latin-1; what it can't say becomes a question mark.
@@ -62,6 +71,17 @@ std::string latin1(const std::string& utf8)
         else
             result += fits ? static_cast<char>((lead & 0x03) << 6 | (utf8[i + 1] & 0x3F)) : '?';
         i += length;
+    }
+    return result;
+}
+
+std::string utf8FromLatin1(const std::string& latin1)
+{
+    std::string result;
+    for (const char c : latin1) {
+        const auto byte = static_cast<std::uint8_t>(c);
+        if (byte >= 0x80) result += static_cast<char>(0xC0 | byte >> 6);
+        result += byte < 0x80 ? c : static_cast<char>(0x80 | (byte & 0x3F));
     }
     return result;
 }
@@ -130,6 +150,7 @@ bool X11Pasteboard::setText(const std::string& newText)
         xcb_get_selection_owner(c, owner->atoms.clipboard), patience, later);
     if (!now || now->owner != owner->window) return false;
     ownedSince = time;
+    ++changes;
     readEvents(); // those that came with the reply wake nobody
     return true;
 }
@@ -139,20 +160,132 @@ bool X11Pasteboard::connect()
     readable = {};
     transfers.clear();
     deferred.clear();
+    reading.reset();
+    nextTry = queue->now() + retryPeriod;
     auto connection = X11Connection::open(display);
     if (!connection) {
         log.warning("no clipboard: {}", connection.error().description);
         return false;
     }
+    // Answered before the atoms are, and so without a wait when it is looked at.
+    xcb_prefetch_extension_data(connection->get(), &xcb_xfixes_id);
     const auto atoms = internAtoms(*connection);
     if (!atoms) {
         log.warning("no clipboard: the X server does not answer");
         return false;
     }
     owner = std::make_unique<Owner>(std::move(*connection), *atoms);
+    auto* c = owner->connection.get();
+    if (owner->connection.extension(&xcb_xfixes_id)) {
+        xcb_xfixes_query_version(c, 1, 0);
+        xcb_xfixes_select_selection_input(
+            c, owner->window, atoms->clipboard, XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
+        owner->connection.flush();
+    }
     readable = queue->whenReadable(owner->connection.fileDescriptor(), [this] { readEvents(); });
     return true;
 }
+
+int X11Pasteboard::changeCount()
+{
+    queue->assertCurrent();
+    const bool isUsable = owner && !owner->connection.isBroken();
+    if (!isUsable && queue->now() >= nextTry) {
+        owner.reset();
+        connect();
+    }
+    return changes;
+}
+
+void X11Pasteboard::ownerChanged(const xcb_generic_event_t& event)
+{
+    const auto* fixes = owner->connection.extension(&xcb_xfixes_id);
+    if (!fixes || (event.response_type & 0x7F) != fixes->first_event + XCB_XFIXES_SELECTION_NOTIFY) return;
+    const auto& change = reinterpret_cast<const xcb_xfixes_selection_notify_event_t&>(event);
+    if (change.selection != owner->atoms.clipboard || change.owner == owner->window) return;
+    ++changes;
+    lastChange = change.timestamp;
+}
+
+// ---- what others copied
+
+void X11Pasteboard::readText(std::size_t mostBytes, std::function<bool(const Types&)> wants,
+    std::function<void(std::optional<std::string>)> done)
+{
+    queue->assertCurrent();
+    reading = Reading{mostBytes, std::move(wants), std::move(done), nullptr, {}};
+    if (owner && !owner->connection.isBroken())
+        ask(owner->atoms.targets, mostTypes * sizeof(xcb_atom_t));
+    else
+        finishReading(std::nullopt);
+}
+
+void X11Pasteboard::ask(xcb_atom_t target, std::size_t mostBytes)
+{
+    reading->read = std::make_unique<X11SelectionRead>(owner->connection, owner->atoms.content,
+        owner->atoms.incr, X11SelectionRead::Question{owner->atoms.clipboard, target, lastChange, mostBytes});
+    reading->silence = queue->after(ownersPatience, [this] { finishReading(std::nullopt); });
+}
+
+void X11Pasteboard::go(X11SelectionRead::Progress progress)
+{
+    if (progress == X11SelectionRead::Progress::failed) return finishReading(std::nullopt);
+    reading->silence = queue->after(ownersPatience, [this] { finishReading(std::nullopt); });
+    if (progress != X11SelectionRead::Progress::done) return;
+
+    auto answer = reading->read->takeAnswer();
+    if (const auto wants = std::exchange(reading->wants, nullptr)) {
+        std::vector<xcb_atom_t> offered(answer.format == 32 ? answer.bytes.size() / sizeof(xcb_atom_t) : 0);
+        std::copy_n(answer.bytes.data(), offered.size() * sizeof(xcb_atom_t),
+            reinterpret_cast<char*>(offered.data()));
+        const xcb_atom_t target = textTarget(offered);
+        if (target == XCB_ATOM_NONE || !wants(namesOf(offered))) return finishReading(std::nullopt);
+        return ask(target, reading->mostBytes);
+    }
+    std::string& found = answer.bytes;
+    while (found.ends_with('\0')) found.pop_back(); // some programs count the end of a string in
+    if (answer.type == XCB_ATOM_STRING || (!isUtf8(found) && answer.type == owner->atoms.plainMime))
+        found = utf8FromLatin1(found);
+    const bool isGood = answer.format == 8 && isUtf8(found) && found.size() <= reading->mostBytes;
+    finishReading(isGood ? std::optional(std::move(found)) : std::nullopt);
+}
+
+xcb_atom_t X11Pasteboard::textTarget(const std::vector<xcb_atom_t>& offered) const
+{
+    const auto& atoms = owner->atoms;
+    const xcb_atom_t best[]
+        = {atoms.utf8String, atoms.utf8Mime, atoms.plainMime, static_cast<xcb_atom_t>(XCB_ATOM_STRING)};
+    const auto* found = std::ranges::find_first_of(best, offered);
+    return found == std::end(best) ? static_cast<xcb_atom_t>(XCB_ATOM_NONE) : *found;
+}
+
+Pasteboard::Types X11Pasteboard::namesOf(const std::vector<xcb_atom_t>& atoms)
+{
+    std::vector<xcb_get_atom_name_cookie_t> asked;
+    for (const auto atom : atoms) asked.push_back(xcb_get_atom_name(owner->connection.get(), atom));
+    Types names;
+    for (const auto& cookie : asked) {
+        const auto reply = owner->connection.reply<xcb_get_atom_name_reply_t>(
+            cookie, patience, [this](const xcb_generic_event_t& event) { deferred.push_back(event); });
+        // One that has no name is nobody's type.
+        if (reply)
+            names.emplace_back(xcb_get_atom_name_name(reply.get()),
+                static_cast<std::size_t>(xcb_get_atom_name_name_length(reply.get())));
+    }
+    return names;
+}
+
+void X11Pasteboard::finishReading(std::optional<std::string> found)
+{
+    auto finished = std::exchange(reading, std::nullopt);
+    // Posted, since who is told may destroy us.
+    queue->post(
+        [alive = lifetime.watch(), done = std::move(finished->done), text = std::move(found)]() mutable {
+            if (alive) done(std::move(text));
+        });
+}
+
+// ---- events
 
 void X11Pasteboard::readEvents()
 {
@@ -168,10 +301,17 @@ void X11Pasteboard::readEvents()
     readable = {};
     ownedSince.reset();
     transfers.clear();
+    if (reading) finishReading(std::nullopt);
 }
 
 void X11Pasteboard::handle(const xcb_generic_event_t& event)
 {
+    ownerChanged(event);
+    if (reading && reading->read) {
+        const auto later = [this](const xcb_generic_event_t& other) { deferred.push_back(other); };
+        const auto progress = reading->read->handle(event, later);
+        if (progress != X11SelectionRead::Progress::none) return go(progress);
+    }
     switch (event.response_type & 0x7F) {
     case XCB_SELECTION_REQUEST:
         return answer(reinterpret_cast<const xcb_selection_request_event_t&>(event));

@@ -28,6 +28,7 @@ PhoneInput::PhoneInput(HostPlatform& platform, QueueRef newQueue)
     : queue(std::move(newQueue)),
       posting(platform.makeEventPosting(queue)),
       pasteboard(platform.makePasteboard(queue)),
+      clipboardBridge(*pasteboard, queue),
       inputInjector(*posting, platform.displayBounds(), *queue)
 {
 }
@@ -59,7 +60,7 @@ void PhoneInput::handle(const message::Text& text)
 
 void PhoneInput::paste(const message::PasteText& paste)
 {
-    const bool isSet = pasteboard->setText(paste.text);
+    const bool isSet = clipboardBridge.write(paste.text);
     log.info("paste from the phone: {} characters, ⌘V {}", characterCount(paste.text), paste.pasteNow);
     if (!isSet) return log.warning("the clipboard could not be set");
     if (paste.pasteNow) pendingPaste = queue->after(pasteDelay, [this] { pressPaste(); });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PelorinHost/Input/ClipboardBridge.h"
 #include "PelorinHost/Input/InputInjector.h"
 #include "PelorinHost/Platform/HostPlatform.h"
 #include "PelorinNet/Log.h"
@@ -20,6 +21,7 @@ public:
     void paste(const message::PasteText& paste);
 
     InputInjector& injector() { return inputInjector; }
+    ClipboardBridge& clipboard() { return clipboardBridge; }
 
 private:
     void pressPaste();
@@ -27,6 +29,7 @@ private:
     QueueRef queue;
     std::unique_ptr<EventPosting> posting;
     std::unique_ptr<Pasteboard> pasteboard;
+    ClipboardBridge clipboardBridge;
     Log log{"session"};
     InputInjector inputInjector;
     Subscription pendingPaste;

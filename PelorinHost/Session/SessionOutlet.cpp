@@ -51,24 +51,35 @@ void SessionOutlet::sendVideo(std::vector<Bytes> parts, Task onSent)
 void SessionOutlet::sendLatest(message::CursorPosition position)
 {
     waitingPosition = position;
-    if (!isCursorInFlight) sendCursor();
+    if (!isLatestInFlight) sendWaiting();
 }
 
 void SessionOutlet::sendLatest(message::CursorImage image)
 {
     waitingImage = std::move(image);
-    if (!isCursorInFlight) sendCursor();
+    if (!isLatestInFlight) sendWaiting();
 }
 
-void SessionOutlet::sendCursor()
+void SessionOutlet::sendLatest(message::Clipboard clipboard)
 {
-    isCursorInFlight = waitingImage || waitingPosition;
-    if (!isCursorInFlight) return;
+    waitingClipboard = std::move(clipboard);
+    if (!isLatestInFlight) sendWaiting();
+}
+
+void SessionOutlet::sendWaiting()
+{
+    std::optional<Message> next;
     // A new shape goes ahead of the position it was seen at.
-    const Message next = waitingImage ? Message(*std::exchange(waitingImage, std::nullopt))
-                                      : Message(*std::exchange(waitingPosition, std::nullopt));
-    write(next, [this, alive = lifetime.watch()] {
-        if (alive) sendCursor();
+    if (waitingImage)
+        next = *std::exchange(waitingImage, std::nullopt);
+    else if (waitingPosition)
+        next = *std::exchange(waitingPosition, std::nullopt);
+    else if (waitingClipboard)
+        next = *std::exchange(waitingClipboard, std::nullopt);
+    isLatestInFlight = next.has_value();
+    if (!next) return;
+    write(*next, [this, alive = lifetime.watch()] {
+        if (alive) sendWaiting();
     });
 }
 

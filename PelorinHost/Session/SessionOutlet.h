@@ -7,9 +7,9 @@
 
 namespace pelorin {
 
-// Everything that leaves for the phone: messages in order, video frames without a copy, the cursor only as
-// its latest state. A phone that stops reading costs a bounded amount of memory. Queue: the session's. Owned
-// by the HostSession, whose channel it writes to.
+// Everything that leaves for the phone: messages in order, video frames without a copy, cursor and clipboard
+// only as their latest state. A phone that stops reading costs a bounded amount of memory. Queue: the
+// session's. Owned by the HostSession, whose channel it writes to.
 class SessionOutlet {
 public:
     SessionOutlet(Channel& channel, QueueRef queue);
@@ -23,19 +23,21 @@ public:
     // Sent when the one before it has left; a newer one takes its place meanwhile.
     void sendLatest(message::CursorPosition position);
     void sendLatest(message::CursorImage image);
+    void sendLatest(message::Clipboard clipboard);
 
 private:
     void write(const Message& message, Task onSent);
-    void sendCursor();
+    void sendWaiting();
     void checkUnsentBytes();
 
     Channel& channel;
     QueueRef queue;
     bool isClogged = false;
     std::size_t videoBytesInFlight = 0;
-    bool isCursorInFlight = false;
+    bool isLatestInFlight = false;
     std::optional<message::CursorPosition> waitingPosition;
     std::optional<message::CursorImage> waitingImage;
+    std::optional<message::Clipboard> waitingClipboard;
     Lifetime lifetime;
 };
 

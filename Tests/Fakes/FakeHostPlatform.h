@@ -81,6 +81,12 @@ private:
     struct Clipboard final : Pasteboard {
         explicit Clipboard(Pasteboard& newRecord) : record(newRecord) {}
         bool setText(const std::string& text) override { return record.setText(text); }
+        int changeCount() override { return record.changeCount(); }
+        void readText(std::size_t mostBytes, std::function<bool(const Types&)> wants,
+            std::function<void(std::optional<std::string>)> done) override
+        {
+            record.readText(mostBytes, std::move(wants), std::move(done));
+        }
         Pasteboard& record;
     };
     struct Lock final : ScreenLock {
