@@ -144,6 +144,18 @@ std::string HostConfig::encode() const
     return toJSON(*this).dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
+std::optional<std::string> HostConfig::problemIn(const std::filesystem::path& directory)
+{
+    const auto file = directory / fileName;
+    std::error_code ignored;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(file, ignored))) return std::nullopt;
+    const auto text = readWholeFile(file, maxFileSize);
+    if (text && decode(*text)) return std::nullopt;
+    return text
+        ? "host.json 写错了，已换成默认设置\nhost.json was malformed and has been replaced by the defaults"
+        : "host.json 读不了，现在用默认设置\nhost.json cannot be read, so the defaults are used";
+}
+
 HostConfig HostConfig::load(const std::filesystem::path& directory)
 {
     if (const auto text = readWholeFile(directory / fileName, maxFileSize))

@@ -44,6 +44,8 @@ struct HostConfig {
     static std::optional<HostConfig> decode(std::string_view json);
     std::string encode() const; // indented, keys in alphabetical order
 
+    // What load would find wrong with the file there, for people; a missing one is fine.
+    static std::optional<std::string> problemIn(const std::filesystem::path& directory);
     // Never fails: a missing, unreadable or malformed host.json in directory is replaced by the defaults, on
     // disk too. A partial file that decodes stays as it is.
     static HostConfig load(const std::filesystem::path& directory);

@@ -66,6 +66,9 @@ Result<void, std::string> HostController::start()
     };
     surroundings.platform.displays().keepNotesIn(places.supportDirectory);
     surroundings.platform.letGoAfterEarlierHost();
+    if (auto problem = HostConfig::problemIn(places.supportDirectory)) settingsProblems.push_back(*problem);
+    for (const auto& problem : settingsProblems)
+        log.warning("settings: {}", problem.substr(problem.find('\n') + 1)); // logs are English
     config = HostConfig::load(places.supportDirectory);
     connectionLog.emplace(places.logDirectory);
     const auto service = RemoteEntrance::serviceIn(config);
@@ -73,6 +76,8 @@ Result<void, std::string> HostController::start()
         loadIdentity();
     else
         log.info("rendezvous: no phone comes in from elsewhere: {}", service.error());
+    if (!service && config.rendezvous && !config.rendezvousURL.empty())
+        settingsProblems.push_back(service.error());
     startServer();
     watchAgents();
     return {};
@@ -143,6 +148,10 @@ void HostController::handleRequest(const std::string& text, ControlSocket::Reply
     if (command == "status") return reportStatus(std::move(reply));
     if (command == "disconnect") return disconnectSession(std::move(reply));
     if (command == "pair") return beginPairing(std::move(reply));
+    if (command == "review")
+        return reply(
+            PairingCommands::review(config, surroundings.platform.system().hostName(), remotePairing()));
+    if (command == "connections") return reply(line({{"connections", connectionLog->latest()}}));
     if (command == "devices") return reply(PairingCommands::devices(surroundings.pairing));
     if (command == "remove") return reply(PairingCommands::remove(surroundings.pairing, request["id"]));
     if (command == "agents") return reportAgents(std::move(reply));
@@ -158,6 +167,8 @@ void HostController::reportStatus(ControlSocket::Reply reply)
         reply(StatusReport{.server = status,
             .allowedLogins = allowedLogins,
             .rendezvous = rendezvousStatus,
+            .settingsProblems = settingsProblems,
+            .isTestMode = config.allowLoopbackForTesting,
             .requiresPairing = config.requirePairing && !config.allowLoopbackForTesting,
             .pairingOpenFor = pairingOpenFor(),
             .hasReviewCode = !config.reviewPairingCode.empty(),

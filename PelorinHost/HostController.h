@@ -54,6 +54,7 @@ private:
     RendezvousSocketMaker makeSocket;
     Log log{"controller"};
     HostConfig config;
+    std::vector<std::string> settingsProblems; // for people
     std::shared_ptr<const DeviceIdentity> identity; // where there is a service to register with
     std::unique_ptr<ControlSocket> controlSocket;
     std::optional<ConnectionLog> connectionLog;

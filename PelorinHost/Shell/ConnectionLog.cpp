@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/chrono.h>
+#include <fstream>
 #include <unistd.h>
 
 namespace pelorin {
@@ -36,6 +37,21 @@ void ConnectionLog::append(const std::string& line, WallTime when)
         = fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     if (!isWritten) log.error("cannot write {}: {}", file.string(), std::strerror(errno));
     if (fd >= 0) ::close(fd);
+}
+
+std::vector<std::string> ConnectionLog::latest() const
+{
+    constexpr std::streamoff tailBytes = 16384; // of some hundred bytes a line
+    std::ifstream stream(file, std::ios::binary | std::ios::ate);
+    const auto size = static_cast<std::streamoff>(stream.tellg());
+    if (!stream || size <= 0) return {};
+    stream.seekg(std::max<std::streamoff>(size - tailBytes, 0));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(std::move(line));
+    if (size > tailBytes && !lines.empty()) lines.erase(lines.begin()); // began in the middle
+    std::ranges::reverse(lines);
+    lines.resize(std::min(lines.size(), mostLatest));
+    return lines;
 }
 
 void ConnectionLog::makeRoomFor(const std::string& text)

@@ -4,6 +4,8 @@
 #include "PelorinNet/Queue/SerialQueue.h"
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace pelorin {
 
@@ -16,6 +18,9 @@ public:
 
     explicit ConnectionLog(const std::filesystem::path& directory); // made when it is missing
 
+    static constexpr std::size_t mostLatest = 10;
+    // The latest lines, newest first; before a file is full its predecessor's are not asked for.
+    std::vector<std::string> latest() const;
     // A failure to write is logged, and the line lost.
     void append(const std::string& line, WallTime when);
 

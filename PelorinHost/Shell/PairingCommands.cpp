@@ -40,6 +40,23 @@ SecretBytes secretOf(const std::string& text)
     return SecretBytes(ByteView(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
 }
 
+RemotePairingLink linkThroughService(const HostConfig& config, const std::string& hostName,
+    const PairingCommands::Remote& remote, const SecretBytes& code)
+{
+    return {hostName, remote.hostID, remote.fingerprint, config.rendezvousURL, code};
+}
+
+// The members about the review code, none where there is none.
+json reviewOf(const HostConfig& config, const std::string& hostName,
+    const std::optional<PairingCommands::Remote>& remote)
+{
+    if (!remote || config.reviewPairingCode.empty()) return json::object();
+    const auto url = linkThroughService(config, hostName, *remote, secretOf(config.reviewPairingCode)).url();
+    const bool isLink = RemotePairingLink::parse(url).has_value();
+    return {{"reviewText", "审核模式：配对链接长期有效，只用于演示 Mac"},
+        {"reviewLink", isLink ? json(url) : json()}};
+}
+
 std::string readableReview(const json& pairing)
 {
     if (!pairing.contains("reviewLink")) return "";
@@ -73,24 +90,22 @@ std::string PairingCommands::pair(PairingStore& store, const HostServer::Status&
 {
     if (const auto why = whyNoPairing(server, config, remote.has_value())) return refusal(*why);
     const auto offer = store.beginPairing();
-    const auto throughService = [&](const SecretBytes& code) {
-        return RemotePairingLink{hostName, remote->hostID, remote->fingerprint, config.rendezvousURL, code};
-    };
     PairingOffer link;
     if (server.tailnetAddress)
         link.tailnet = PairingLink{hostName, *server.tailnetAddress, server.dnsName,
             server.port ? server.port : config.port, offer.key.identity, offer.key.secret};
-    if (remote) link.remote = throughService(offer.code);
+    if (remote) link.remote = linkThroughService(config, hostName, *remote, offer.code);
     const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(PairingStore::validity).count();
     json reply{{"link", link.url()}, {"expiresInSeconds", PairingStore::validity.count()},
         {"text", fmt::format("用 iPhone 相机或 Pelorin 扫码配对，{} 分钟内有效，只能用一次", minutes)}};
-    if (remote && !config.reviewPairingCode.empty()) {
-        const std::string review = throughService(secretOf(config.reviewPairingCode)).url();
-        reply["reviewText"] = "审核模式：配对链接长期有效，只用于演示 Mac";
-        const bool isLink = RemotePairingLink::parse(review).has_value();
-        reply["reviewLink"] = isLink ? json(review) : json();
-    }
+    reply.update(reviewOf(config, hostName, remote));
     return replyOf(reply);
+}
+
+std::string PairingCommands::review(
+    const HostConfig& config, const std::string& hostName, const std::optional<Remote>& remote)
+{
+    return replyOf(reviewOf(config, hostName, remote));
 }
 
 std::string PairingCommands::devices(const PairingStore& store)

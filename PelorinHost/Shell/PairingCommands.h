@@ -18,6 +18,9 @@ struct Remote {
 // both. remote: none when the host is not to be reached so.
 std::string pair(PairingStore& store, const HostServer::Status& server, const HostConfig& config,
     const std::string& hostName, const std::optional<Remote>& remote);
+// The standing link of the settings' review code alone; starts no pairing.
+std::string review(
+    const HostConfig& config, const std::string& hostName, const std::optional<Remote>& remote);
 std::string devices(const PairingStore& store);
 std::string remove(PairingStore& store, const std::string& id);
 

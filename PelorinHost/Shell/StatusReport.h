@@ -9,6 +9,8 @@ struct StatusReport {
     HostServer::Status server;
     std::vector<std::string> allowedLogins;
     std::optional<std::string> rendezvous; // absent: not registered
+    std::vector<std::string> settingsProblems; // for people
+    bool isTestMode = false;
     bool requiresPairing = false;
     std::optional<std::chrono::seconds> pairingOpenFor; // absent: no pairing is on offer
     bool hasReviewCode = false; // a standing one, in the settings

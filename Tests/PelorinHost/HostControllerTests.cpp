@@ -124,6 +124,26 @@ TEST_F(ControllerTest, answersStatusForProgramsAndForPeople)
     EXPECT_FALSE(readableStatus("{\"error\": \"x\"}"));
 }
 
+TEST_F(ControllerTest, tellsTheLatestConnectionsFirstAndWhatIsWrongWithTheSettings)
+{
+    lab::write(places.supportDirectory / "host.json", R"({"port": "7420"})");
+    controller = make();
+    ASSERT_TRUE(controller->start());
+    queues.runReady();
+    const auto status = nlohmann::json::parse(ask("{\"command\":\"status\"}\n"));
+    ASSERT_EQ(status["settingsProblems"].size(), 1u) << status;
+    EXPECT_THAT(status["settingsProblems"][0].get<std::string>(), HasSubstr("host.json 写错了"));
+    const auto latest
+        = [&] { return nlohmann::json::parse(ask("{\"command\":\"connections\"}\n"))["connections"]; };
+    EXPECT_EQ(latest().size(), 1u);
+
+    ConnectionLog log(places.logDirectory);
+    for (int i = 0; i < 400; ++i) log.append("line " + std::to_string(i) + std::string(100, '.'), {});
+    ASSERT_EQ(latest().size(), ConnectionLog::mostLatest);
+    EXPECT_THAT(latest()[0].get<std::string>(), HasSubstr("line 399."));
+    EXPECT_THAT(latest()[9].get<std::string>(), HasSubstr("line 390."));
+}
+
 TEST_F(ControllerTest, tellsOfPairingWithoutItsSecrets)
 {
     begin();
