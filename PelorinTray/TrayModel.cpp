@@ -67,8 +67,8 @@ QString accessLine(const QJsonObject& status, const Texts& say)
     if (status["testMode"].toBool()) return say(texts::testMode);
     QStringList logins;
     for (const auto& login : status["allowedLogins"].toArray()) logins << login.toString();
-    if (logins.isEmpty()) return say(texts::ownWhoisUnknown);
-    return TrayModel::label(say(texts::access).arg(logins.join(", ")));
+    return TrayModel::label(
+        say(texts::access).arg(logins.isEmpty() ? say(texts::ownWhoisUnknown) : logins.join(", ")));
 }
 
 QList<MenuEntry> hostLines(const QJsonObject& status, const Texts& say)

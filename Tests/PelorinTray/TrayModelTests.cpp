@@ -54,7 +54,7 @@ TEST(TrayModel, tellsStateAndAccessInWords)
             {"等待手机连接", "地址：100.64.1.2:7420", "允许：me@example.com", "停止主机"},
             {"测试模式", "未启用配对", "审核模式", "断开连接", "启动主机"}},
         {"own whois unknown", statusWith(R"(, "allowedLogins": [])"), HostState::waiting,
-            {"未确定（经 Tailscale 的连接会被拒绝）"}, {"允许："}},
+            {"允许：未确定（经 Tailscale 的连接会被拒绝）"}, {}},
         {"test mode", statusWith(R"(, "testMode": true, "allowedLogins": [], "pairing": {)" + off + "}"),
             HostState::waiting,
             {"测试模式：只监听 127.0.0.1，不校验身份",
