@@ -169,6 +169,7 @@ void EpollSockets::accept(OwnedDescriptor descriptor, const IPAddress& address)
     ::epoll_ctl(poller.get(), EPOLL_CTL_ADD, descriptor.get(), &interest);
     auto session = tls ? std::make_unique<TlsSession>(tls) : nullptr;
     sockets.try_emplace(id, std::move(descriptor), id, *service, std::move(session));
+    receive(id); // where many come at once, the request is there by now
 }
 
 void EpollSockets::pauseAccepting()
