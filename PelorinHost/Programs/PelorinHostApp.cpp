@@ -3,6 +3,7 @@
 #include "PelorinHost/Linux/ServiceManager.h"
 #include "PelorinHost/Shell/AgentCommands.h"
 #include "PelorinHost/Shell/ControlClient.h"
+#include "PelorinHost/Shell/Doctor.h"
 #include "PelorinHost/Shell/PairingCommands.h"
 #include "PelorinHost/Shell/StatusReport.h"
 #include "PelorinHost/Trust/QrImage.h"
@@ -66,7 +67,7 @@ void addOptions(CLI::App& app, Options& options)
         {"disconnect", "End the running session"}, {"agents", "Tell what the coding agents here are doing"},
         {"agent-event",
             "Take note of what a hook or the status line of Claude Code is told on standard input"},
-        {"quit", "End the running host"}};
+        {"doctor", "Look for what may be wrong here, and tell what to do"}, {"quit", "End the running host"}};
     for (const auto& [name, description] : commands) {
         auto* command = app.add_subcommand(name, description)->fallthrough();
         command->add_flag("--json", options.wantsJSON, "Print JSON");
@@ -138,6 +139,17 @@ int passOnAgentEvent(const std::filesystem::path& directory)
     return 0;
 }
 
+int examine(const Options& options, const std::filesystem::path& directory)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    Log::setLevel(std::max(options.logLevel, LogLevel::warning)); // the findings say it in other words
+    const auto platform = makeLinuxPlatform(displayNumber(options.display) ? "" : options.display);
+    QueuePool pool(poolThreads);
+    const auto findings = Doctor::diagnose(Doctor::examine(*platform, pool, directory));
+    std::fputs((options.wantsJSON ? Doctor::json(findings) : Doctor::readable(findings)).c_str(), stdout);
+    return Doctor::hasProblem(findings) ? 1 : 0;
+}
+
 // Must come before the first thread, which inherits it.
 sigset_t takeSignals()
 {
@@ -198,6 +210,7 @@ int main(int argumentCount, char** arguments)
     if (!options.supportDirectory.empty()) places.supportDirectory = options.supportDirectory;
     if (!options.logDirectory.empty()) places.logDirectory = options.logDirectory;
     if (options.command == "agent-event") return passOnAgentEvent(places.supportDirectory);
+    if (options.command == "doctor") return examine(options, places.supportDirectory);
     if (!options.command.empty()) return ask(options, places.supportDirectory);
 
     const sigset_t signals = takeSignals();

@@ -116,6 +116,50 @@ TEST(HostProgram, replacesABrokenSettingsFileAndThenOnlyWaits)
     }));
 }
 
+TEST(HostProgram, hasADoctorWhoFindsWhatIsWrong)
+{
+    lab::XServer server;
+    HostProgram host(server.display());
+    ASSERT_TRUE(host.waitUntilListening());
+    const auto examine = [&](int& exit) {
+        const lab::TemporaryFolder folder;
+        const auto output = folder.path() / "output";
+        exit = lab::Process::start({lab::programPath("pelorin-host"), "doctor", "--support-dir",
+                                       host.support().string(), "--display", server.display()},
+            {}, output.string())
+                   ->waitForExit(60'000);
+        return lab::contentOf(output);
+    };
+    int exit = -1;
+    const auto expect = [&](int status, const std::string& text) {
+        const auto found = examine(exit);
+        EXPECT_EQ(exit, status) << found;
+        EXPECT_NE(found.find(text), std::string::npos) << found;
+    };
+    expect(0, "host: runs and listens on " + host.address());
+    const auto key = host.support() / "host-identity.json";
+    lab::write(key, "{}");
+    std::filesystem::permissions(
+        key, std::filesystem::perms::others_read, std::filesystem::perm_options::add);
+    expect(1, "chmod go= " + key.string());
+    std::filesystem::remove(key);
+    expect(0, "test mode");
+
+    host.process().signal(SIGKILL);
+    host.process().waitForExit(10'000);
+    expect(0, "Start it");
+    const auto other = server.launch({"python3", "-c",
+        "import socket, time; s = socket.create_server(('127.0.0.1', " + std::to_string(host.port())
+            + ")); time.sleep(1000)"});
+    EXPECT_TRUE(
+        eventually([&] { return examine(exit).find("another program listens") != std::string::npos; }));
+    EXPECT_EQ(exit, 1);
+    server.kill();
+    lab::write(host.support() / "host.json", "{\"port\":");
+    expect(1, "display server: no X server");
+    expect(1, "can't be read as settings");
+}
+
 TEST(HostProgram, standsAloneInItsSupportFolder)
 {
     lab::XServer server;

@@ -229,6 +229,20 @@ TEST_F(RemoteSession, comesBackByItselfWithTheNetwork)
 }
 
 // Every kind once at each end.
+const char* networkSeenBehind(NatKind kind)
+{
+    switch (kind) {
+    case NatKind::none:
+        return "no NAT; seen as";
+    case NatKind::symmetric:
+        return "a symmetric NAT";
+    case NatKind::udpBlocked: // to all but the service's servers, who see nothing of that
+        return "network: ";
+    default:
+        return "a NAT that phones can be led through";
+    }
+}
+
 TEST_F(RemoteSession, leadsFromNetworksOfEveryKindToEachOther)
 {
     hostProgram.reset();
@@ -247,6 +261,10 @@ TEST_F(RemoteSession, leadsFromNetworksOfEveryKindToEachOther)
         EXPECT_TRUE(eventually([&] { return timesIn(typed(), text + "\n") == 1; })) << typed();
         EXPECT_THAT(run.report()["connect"]["path"].get<std::string>(),
             StartsWith(lab::allowDirectPath(hostKind, phoneKinds[i]) ? "direct " : "relay "));
+        const auto found = lab::outputOf(host->inside({"env", "DISPLAY=" + desktop->display(),
+            lab::programPath("pelorin-host"), "doctor", "--support-dir", support.string()}));
+        EXPECT_THAT(found, HasSubstr("answers, and knows this host"));
+        EXPECT_THAT(found, HasSubstr(networkSeenBehind(hostKind)));
         hostProgram.reset();
     }
 }
