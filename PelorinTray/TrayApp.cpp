@@ -134,6 +134,7 @@ void TrayApp::refresh()
     const QList<MenuEntry> entries = model.menu();
     menu.show(entries);
     if (window.isVisible()) window.show(entries);
+    window.setWindowTitle(model.summary().section('\n', 0, 0)); // a task bar shows the state, too
     const HostState state = model.state();
     if (icon) icon->setToolTip(model.summary());
     if (shownState == state) return;
