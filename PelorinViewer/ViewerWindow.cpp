@@ -2,6 +2,7 @@
 
 #include "PelorinViewer/KeyboardInput.h"
 #include "PelorinViewer/OverlayFont.h"
+#include "PelorinViewer/X11ClipboardWatch.h"
 #include "PelorinViewer/X11Errors.h"
 
 #include <algorithm>
@@ -146,6 +147,7 @@ struct ViewerWindow::State {
     bool showsFigures = false;
     bool needsDrawing = true;
     std::string lastClipboard;
+    X11ClipboardWatch clipboardWatch;
     std::vector<std::string> figureLines;
     std::string path; // above them; empty: none is told
     bool isClosing = false;
@@ -198,6 +200,7 @@ Result<void, std::string> ViewerWindow::State::open()
     if (window)
         renderer.reset(SDL_CreateRenderer(window.get(), -1, 0)); // no wait for the screen's own frames
     if (!renderer) return std::unexpected(std::string("no window: ") + SDL_GetError());
+    clipboardWatch.begin(*window);
     SDL_ShowWindow(window.get());
     SDL_SetYUVConversionMode(SDL_YUV_CONVERSION_BT709);
     SDL_SetRenderDrawBlendMode(renderer.get(), SDL_BLENDMODE_BLEND);
@@ -269,6 +272,7 @@ void ViewerWindow::State::handle(const SDL_Event& event, const WindowInput& inpu
         if (isCaptured) input.onWheel(-event.wheel.preciseX, event.wheel.preciseY);
         return;
     case SDL_CLIPBOARDUPDATE:
+    case SDL_SYSWMEVENT: // the clipboard watch's
         return handleClipboard(input);
     case SDL_WINDOWEVENT:
         return handleWindow(event.window, input);

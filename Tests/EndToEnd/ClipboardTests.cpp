@@ -42,6 +42,8 @@ TEST(Clipboard, isOneOnTheDesktopAndOnTheViewersMachine)
     EXPECT_TRUE(eventually([&] { return pastedOn(desktop) == back; })) << pastedOn(desktop);
     EXPECT_NE(host.log().find("paste from the phone: 21 characters, ⌘V false"), std::string::npos)
         << host.log();
+    copyOn(away, "once more");
+    EXPECT_TRUE(eventually([&] { return pastedOn(desktop) == "once more"; })) << pastedOn(desktop);
     copyOn(desktop, "and forth");
     EXPECT_TRUE(eventually([&] { return pastedOn(away) == "and forth"; }));
 }
