@@ -194,6 +194,7 @@ int X11Pasteboard::changeCount()
         owner.reset();
         connect();
     }
+    if (owner) readEvents();
     return changes;
 }
 
@@ -215,9 +216,8 @@ void X11Pasteboard::readText(std::size_t mostBytes, std::function<bool(const Typ
     queue->assertCurrent();
     reading = Reading{mostBytes, std::move(wants), std::move(done), nullptr, {}};
     if (owner && !owner->connection.isBroken())
-        ask(owner->atoms.targets, mostTypes * sizeof(xcb_atom_t));
-    else
-        finishReading(std::nullopt);
+        return ask(owner->atoms.targets, mostTypes * sizeof(xcb_atom_t));
+    finishReading(std::nullopt);
 }
 
 void X11Pasteboard::ask(xcb_atom_t target, std::size_t mostBytes)
@@ -289,14 +289,18 @@ void X11Pasteboard::finishReading(std::optional<std::string> found)
 
 void X11Pasteboard::readEvents()
 {
-    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(owner->connection.get())})
-        handle(*event);
+    auto* c = owner->connection.get();
+    while (const XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(c)}) deferred.push_back(*event);
     while (!deferred.empty()) {
         const auto event = deferred.front();
         deferred.pop_front();
         handle(event);
+        if (!deferred.empty()) continue;
+        owner->connection.flush();
+        // A flush may read as well, and what it read wakes nobody.
+        while (const XcbReply<xcb_generic_event_t> read{xcb_poll_for_queued_event(c)})
+            deferred.push_back(*read);
     }
-    owner->connection.flush();
     if (!owner->connection.isBroken()) return;
     readable = {};
     ownedSince.reset();
