@@ -19,7 +19,7 @@ constexpr std::uint32_t mostInMultiple = 64; // pairs of atoms; an application a
 // The session waits meanwhile. A server that takes longer is stopped or as good as.
 constexpr std::chrono::milliseconds patience{200};
 
-constexpr std::chrono::seconds ownersPatience{2}; // for an application to answer, or to send its next piece
+constexpr std::chrono::seconds ownersPatience{5}; // for an application to answer, or to send its next piece
 constexpr std::chrono::seconds retryPeriod{5}; // where there is no server
 constexpr std::size_t mostTypes = 256;
 

@@ -287,7 +287,7 @@ TEST_F(CopiedText, isGivenUpWhereItsOwnerFallsSilentOrTalksNonsense)
     const auto expectNothing = [&](const char* what) {
         for (int i = 0; i < 100 && !found; ++i) queues.runReady();
         EXPECT_FALSE(found) << what;
-        queues.advance(std::chrono::milliseconds(1999));
+        queues.advance(std::chrono::milliseconds(4999));
         EXPECT_FALSE(found) << what;
         queues.advance(std::chrono::milliseconds(1));
         EXPECT_EQ(found, noText) << what;
