@@ -17,32 +17,30 @@ struct Need {
     const char* name;
 };
 
-Permissions::Answer answer(const std::string& display, std::span<const Need> needs)
-{
-    const auto connection = X11Connection::open(display);
-    if (!connection) return {false, connection.error().description};
-    for (const auto& [extension, name] : needs) xcb_prefetch_extension_data(connection->get(), extension);
+constexpr Need forCapture[] = {{&xcb_damage_id, "DAMAGE"}, {&xcb_shm_id, "MIT-SHM"},
+    {&xcb_xfixes_id, "XFIXES"}, {&xcb_randr_id, "RANDR"}};
+constexpr Need forEvents[] = {{&xcb_test_id, "XTEST"}};
 
+Permissions::Answer answer(const X11Connection& connection, std::span<const Need> needs)
+{
     std::string missing;
     for (const auto& [extension, name] : needs)
-        if (!connection->extension(extension))
+        if (!connection.extension(extension))
             missing += (missing.empty() ? "no " : ", no ") + std::string(name);
     return {missing.empty(), missing};
 }
 
 } // namespace
 
-Permissions::Answer X11Permissions::mayCapture()
+Permissions::Answers X11Permissions::ask()
 {
-    const Need needs[] = {{&xcb_damage_id, "DAMAGE"}, {&xcb_shm_id, "MIT-SHM"}, {&xcb_xfixes_id, "XFIXES"},
-        {&xcb_randr_id, "RANDR"}};
-    return answer(display, needs);
-}
-
-Permissions::Answer X11Permissions::mayPostEvents()
-{
-    const Need needs[] = {{&xcb_test_id, "XTEST"}};
-    return answer(display, needs);
+    const auto connection = X11Connection::open(display);
+    if (!connection)
+        return {{false, connection.error().description}, {false, connection.error().description}};
+    for (const std::span<const Need> needs :
+        {std::span<const Need>(forCapture), std::span<const Need>(forEvents)})
+        for (const auto& need : needs) xcb_prefetch_extension_data(connection->get(), need.extension);
+    return {answer(*connection, forCapture), answer(*connection, forEvents)};
 }
 
 } // namespace pelorin

@@ -13,8 +13,11 @@ public:
         bool isGranted = false;
         std::string missing; // what is missing, for the log: "no X server at :0", "no MIT-SHM"
     };
-    virtual Answer mayCapture() = 0;
-    virtual Answer mayPostEvents() = 0;
+    struct Answers {
+        Answer capture;
+        Answer events; // posting them
+    };
+    virtual Answers ask() = 0;
 };
 
 } // namespace pelorin

@@ -5,10 +5,9 @@ namespace pelorin {
 std::optional<SessionEnd> refusalOf(const message::Hello& hello, Permissions& permissions)
 {
     if (hello.version != protocolVersion) return SessionEnd::versionMismatch(hello.version);
-    if (const auto answer = permissions.mayCapture(); !answer.isGranted)
-        return SessionEnd::permissionsMissing(answer.missing);
-    if (const auto answer = permissions.mayPostEvents(); !answer.isGranted)
-        return SessionEnd::permissionsMissing(answer.missing);
+    const auto [capture, events] = permissions.ask();
+    if (!capture.isGranted) return SessionEnd::permissionsMissing(capture.missing);
+    if (!events.isGranted) return SessionEnd::permissionsMissing(events.missing);
     return std::nullopt;
 }
 

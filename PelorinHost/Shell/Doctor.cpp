@@ -13,11 +13,14 @@ using Verdict = Finding::Verdict;
 void judgeSettings(const Facts& facts, std::vector<Finding>& findings)
 {
     const auto place = (facts.supportDirectory / "host.json").string();
-    if (!facts.settingsText)
+    if (!facts.hasSettingsFile)
         return findings.push_back({Verdict::fine, "settings", "the defaults; there is no " + place + " yet"});
+    if (!facts.settingsText)
+        return findings.push_back({Verdict::problem, "settings", place + " can't be read",
+            "It must be a file of at most 1 MiB that is yours to read: ls -l " + place});
     if (!HostConfig::decode(*facts.settingsText))
         return findings.push_back({Verdict::problem, "settings", place + " can't be read as settings",
-            "Mend it, or remove it: the host replaces it with the defaults when it starts."});
+            "Mend it, or remove it: the host puts the defaults in its place when it starts."});
     findings.push_back({Verdict::fine, "settings", place});
 }
 
@@ -25,14 +28,16 @@ void judgeFiles(const Facts& facts, std::vector<Finding>& findings)
 {
     const auto before = findings.size();
     for (const auto& file : facts.files) {
-        const auto path = (facts.supportDirectory / file.name).string();
+        const auto path
+            = (file.name.empty() ? facts.supportDirectory : facts.supportDirectory / file.name).string();
         const bool holdsNoSecret = file.name == "host.json" && facts.settings.reviewPairingCode.empty();
         if (!file.isOurs)
             findings.push_back({Verdict::problem, "files", path + " belongs to another user",
                 "Give it back to yourself, as root: chown <you> " + path});
         else if (file.isOpenToOthers)
             findings.push_back({holdsNoSecret ? Verdict::note : Verdict::problem, "files",
-                "other users of this machine may read " + path, "Keep it to yourself: chmod go= " + path});
+                "other users of this machine may look into or change " + path,
+                "Keep it to yourself: chmod go= " + path});
     }
     if (findings.size() == before)
         findings.push_back({Verdict::fine, "files", "yours alone, in " + facts.supportDirectory.string()});
@@ -40,7 +45,8 @@ void judgeFiles(const Facts& facts, std::vector<Finding>& findings)
 
 void judgeDisplay(const Facts& facts, std::vector<Finding>& findings)
 {
-    const auto& missing = facts.capture.isGranted ? facts.events : facts.capture;
+    const auto& missing
+        = facts.permissions.capture.isGranted ? facts.permissions.events : facts.permissions.capture;
     if (missing.isGranted)
         return findings.push_back(
             {Verdict::fine, "display server", "the screen can be seen, and pointer and keys moved"});
@@ -117,7 +123,11 @@ Finding networkFinding(const std::optional<NatProbe::Answer>& network)
             "Sessions with phones behind one like it go through the relay. A port that the router forwards "
             "would mend that."};
     case NatProbe::Kind::some:
-        return {Verdict::fine, "network", "a NAT; seen as " + seen + " by the only server that answered"};
+        if (network->silent == 0)
+            return {Verdict::fine, "network", "a NAT; seen as " + seen + " by the service's only server"};
+        return {Verdict::note, "network",
+            fmt::format("a NAT; seen as {} by one server, and {} did not answer", seen, network->silent),
+            "One answer does not tell whether phones can be led through: look at the service's servers."};
     case NatProbe::Kind::silent:
         break;
     }

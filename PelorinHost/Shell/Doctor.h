@@ -10,14 +10,14 @@ namespace pelorin {
 class QueuePool;
 
 // `pelorin-host doctor`: what a user in trouble would be told to look at, looked at, with what to do about
-// it. First the facts, each asked for no longer than a few seconds; then what they mean, which needs nothing
-// but them. Blocks; for programs of the command line.
+// it. First the facts, whoever has to be asked at the same time as the others and for eight seconds at most;
+// then what they mean, which needs nothing but them. Blocks; for programs of the command line.
 namespace Doctor {
 
 struct File {
-    std::string name; // in the support directory
+    std::string name; // in the support directory; empty: that itself
     bool isOurs = true;
-    bool isOpenToOthers = false; // other users may read or write it
+    bool isOpenToOthers = false; // other users may read or write it, or make files in it
 };
 
 struct Service { // the rendezvous service
@@ -28,12 +28,13 @@ struct Service { // the rendezvous service
 
 struct Facts {
     std::filesystem::path supportDirectory;
-    std::optional<std::string> settingsText; // none: there is no such file
+    bool hasSettingsFile = false;
+    std::optional<std::string> settingsText; // none: there is no such file, or it can't be read
     HostConfig settings; // those in effect
     std::vector<File> files;
     Result<std::string, std::string> runningHost
         = std::unexpected(""); // its status as JSON, or why there is none
-    Permissions::Answer capture, events;
+    Permissions::Answers permissions;
     bool hasWaylandSession = false;
     bool encodesH264 = false, encodesHEVC = false; // with low latency, 1080p at 60 frames/s
     std::optional<std::string> tailnetAddress;

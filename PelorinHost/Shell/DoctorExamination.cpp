@@ -30,9 +30,9 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t largestFile = 1 << 20;
 constexpr auto hostPatience = 2s;
-constexpr auto toolPatience = 5s;
-constexpr auto servicePatience = 12s; // more than a socket takes to open at most
-constexpr auto networkPatience = 10s; // more than the probe takes at most
+constexpr auto toolPatience = 4s;
+constexpr auto servicePatience = 4s; // a good one far away needs one
+constexpr auto networkPatience = 4s; // a second more than a server is given to answer
 
 // What start tells by calling what it is given, once; nothing when that takes too long.
 template <class T>
@@ -46,14 +46,17 @@ std::optional<T> waitFor(
     return future.get();
 }
 
+// What links lead to, too: a key is no safer for being elsewhere.
 std::vector<File> filesIn(const std::filesystem::path& directory)
 {
     std::vector<File> files;
+    struct stat found{};
+    if (::stat(directory.c_str(), &found) == 0)
+        files.push_back({"", found.st_uid == ::geteuid(), (found.st_mode & (S_IWGRP | S_IWOTH)) != 0});
     std::error_code error;
     for (auto entry = std::filesystem::directory_iterator(directory, error);
         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        struct stat found{};
-        if (::lstat(entry->path().c_str(), &found) != 0 || S_ISLNK(found.st_mode)) continue;
+        if (::stat(entry->path().c_str(), &found) != 0) continue;
         files.push_back(
             {entry->path().filename().string(), found.st_uid == ::geteuid(), (found.st_mode & 077) != 0});
     }
@@ -130,12 +133,12 @@ std::optional<std::string> hostIDIn(const std::filesystem::path& directory)
     return key ? std::optional(KeyFingerprint::hostID(key->publicKey())) : std::nullopt;
 }
 
-Service examineService(const Facts& facts, QueuePool& pool, std::vector<std::string> own)
+Service examineService(const std::filesystem::path& supportDirectory, const HostConfig& settings,
+    QueuePool& pool, const std::vector<std::string>& own)
 {
-    const auto hostID = hostIDIn(facts.supportDirectory);
-    const auto url
-        = rendezvousURL(facts.settings.rendezvousURL, hostID ? "v1/connect/" + *hostID : "v1/host");
-    if (!url) return {facts.settings.rendezvousURL + " is no rendezvous service's URL", false, std::nullopt};
+    const auto hostID = hostIDIn(supportDirectory);
+    const auto url = rendezvousURL(settings.rendezvousURL, hostID ? "v1/connect/" + *hostID : "v1/host");
+    if (!url) return {settings.rendezvousURL + " is no rendezvous service's URL", false, std::nullopt};
 
     const QueueRef queue = pool.makeQueue("doctor");
     Confined<ServiceQuestion> question;
@@ -144,9 +147,9 @@ Service examineService(const Facts& facts, QueuePool& pool, std::vector<std::str
             return std::make_unique<ServiceQuestion>(rendezvousSockets(pool)(queue, url), tell);
         });
     });
-    if (!answer) return {facts.settings.rendezvousURL + " does not answer", false, std::nullopt};
+    if (!answer) return {settings.rendezvousURL + " does not answer", false, std::nullopt};
     if (answer->error)
-        return {fmt::format("{}: {}", facts.settings.rendezvousURL, *answer->error), false, std::nullopt};
+        return {fmt::format("{}: {}", settings.rendezvousURL, *answer->error), false, std::nullopt};
     Service service{std::nullopt, answer->isHostOnline, std::nullopt};
     if (answer->servers.empty()) return service;
 
@@ -160,8 +163,18 @@ Service examineService(const Facts& facts, QueuePool& pool, std::vector<std::str
         = waitFor<NatProbe::Answer>(networkPatience, [&](std::function<void(NatProbe::Answer)> tell) {
               probe.run(
                   [servers = answer->servers, own, tell](NatProbe& asked) { asked.ask(servers, own, tell); });
-          });
+          }).value_or(NatProbe::Answer());
     return service;
+}
+
+TailnetName examineTailnet(System& system, QueuePool& pool)
+{
+    Confined<TailnetQuestion> question;
+    const QueueRef queue = pool.makeQueue("doctor");
+    return waitFor<TailnetName>(toolPatience, [&](std::function<void(TailnetName)> tell) {
+        question = Confined<TailnetQuestion>(
+            queue, [&system, queue, tell] { return std::make_unique<TailnetQuestion>(system, queue, tell); });
+    }).value_or(std::unexpected("the Tailscale tool does not answer"));
 }
 
 } // namespace
@@ -170,37 +183,40 @@ Facts examine(HostPlatform& platform, QueuePool& pool, const std::filesystem::pa
 {
     Facts facts;
     facts.supportDirectory = supportDirectory;
+    std::error_code ignored;
+    facts.hasSettingsFile
+        = std::filesystem::exists(std::filesystem::symlink_status(supportDirectory / "host.json", ignored));
     facts.settingsText = readWholeFile(supportDirectory / "host.json", largestFile);
     facts.settings = HostConfig::decode(facts.settingsText.value_or("{}")).value_or(HostConfig());
     facts.files = filesIn(supportDirectory);
+
+    // Those who may be long in answering are asked at the same time.
+    const auto interfaces = platform.system().interfaceAddresses();
+    std::vector<std::string> own;
+    for (const auto& each : interfaces) own.push_back(each.address);
+    std::future<TailnetName> tailnet;
+    if (!facts.settings.allowLoopbackForTesting)
+        tailnet = std::async(std::launch::async, [&] { return examineTailnet(platform.system(), pool); });
+    std::future<Service> service;
+    if (facts.settings.rendezvous && !facts.settings.rendezvousURL.empty())
+        service = std::async(std::launch::async,
+            [&, settings = facts.settings] { return examineService(supportDirectory, settings, pool, own); });
+
     facts.runningHost = askHost(supportDirectory, R"({"command":"status"})", hostPatience);
-    facts.capture = platform.permissions().mayCapture();
-    facts.events = platform.permissions().mayPostEvents();
+    facts.permissions = platform.permissions().ask();
     const char* const wayland = std::getenv("WAYLAND_DISPLAY");
     facts.hasWaylandSession = wayland && *wayland;
     facts.encodesH264 = canEncode(platform.compression(), VideoCodec::h264);
     facts.encodesHEVC = canEncode(platform.compression(), VideoCodec::hevc);
 
-    const auto interfaces = platform.system().interfaceAddresses();
     facts.tailnetAddress = ownTailnetAddress(interfaces);
-    Confined<TailnetQuestion> question;
-    const QueueRef queue = pool.makeQueue("doctor");
-    if (!facts.settings.allowLoopbackForTesting)
-        facts.tailnetName = waitFor<TailnetName>(toolPatience, [&](std::function<void(TailnetName)> tell) {
-            question = Confined<TailnetQuestion>(queue, [&platform, queue, tell] {
-                return std::make_unique<TailnetQuestion>(platform.system(), queue, tell);
-            });
-        }).value_or(std::unexpected("the Tailscale tool does not answer"));
-
     const std::string address
         = facts.settings.allowLoopbackForTesting ? "127.0.0.1" : facts.tailnetAddress.value_or("0.0.0.0");
     if (!facts.runningHost && facts.settings.port != 0)
         facts.isPortFree = isPortFree(address, facts.settings.port);
 
-    std::vector<std::string> own;
-    for (const auto& each : interfaces) own.push_back(each.address);
-    if (facts.settings.rendezvous && !facts.settings.rendezvousURL.empty())
-        facts.service = examineService(facts, pool, own);
+    if (tailnet.valid()) facts.tailnetName = tailnet.get();
+    if (service.valid()) facts.service = service.get();
     return facts;
 }
 

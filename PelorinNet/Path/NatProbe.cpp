@@ -32,6 +32,7 @@ void NatProbe::ask(const std::vector<PathServers::Server>& servers, std::vector<
 void NatProbe::lookedUp(const std::vector<SocketAddress>& addresses)
 {
     --lookupsLeft;
+    unknownNames += addresses.empty();
     for (const auto& server : addresses) {
         // Two ports of one machine tell as much as two machines about most NATs, the same port twice nothing.
         if (asked.size() == maxServers || std::ranges::find(asked, server) != asked.end()) continue;
@@ -60,7 +61,9 @@ void NatProbe::finishWhenComplete()
         if (!alive || !onDone) return;
         const auto first = std::ranges::find_if(seen, [](const auto& each) { return each.has_value(); });
         const auto tell = std::exchange(onDone, nullptr);
-        tell({judge(), first == seen.end() ? std::nullopt : *first});
+        const auto silent
+            = static_cast<std::size_t>(std::ranges::count_if(seen, [](const auto& each) { return !each; }));
+        tell({judge(), first == seen.end() ? std::nullopt : *first, silent + unknownNames});
     });
 }
 

@@ -21,6 +21,7 @@ public:
     struct Answer {
         Kind kind = Kind::silent;
         std::optional<SocketAddress> seen; // by the first that answered
+        std::size_t silent = 0; // servers that were asked in vain, or whose names nobody knew
     };
     using Done = std::function<void(const Answer&)>;
 
@@ -44,6 +45,7 @@ private:
     std::unique_ptr<UDPSocket> socket;
     std::vector<SocketAddress> asked;
     std::vector<std::optional<SocketAddress>> seen; // as asked
+    std::size_t unknownNames = 0;
     std::size_t lookupsLeft = 0;
     std::size_t answersLeft = 0;
     std::unique_ptr<StunBinder> binder; // after the socket, which it sends through

@@ -8,18 +8,8 @@ class FakePermissions final : public Permissions {
 public:
     Answer capture{true, {}};
     Answer postEvents{true, {}};
-    int questions = 0;
 
-    Answer mayCapture() override
-    {
-        ++questions;
-        return capture;
-    }
-    Answer mayPostEvents() override
-    {
-        ++questions;
-        return postEvents;
-    }
+    Answers ask() override { return {capture, postEvents}; }
 };
 
 } // namespace pelorin::fakes

@@ -16,11 +16,12 @@ Facts healthy()
 {
     Facts facts;
     facts.supportDirectory = "/home/me/.config/Pelorin";
+    facts.hasSettingsFile = true;
     facts.settingsText = "{}";
     facts.settings.rendezvousURL = "https://meet.example.org";
-    facts.files = {{"host.json"}, {"paired-devices.json"}};
+    facts.files = {{"host.json"}, {"paired-devices.json"}, {""}};
     facts.runningHost = R"({"listening": "100.64.0.1:7420"})";
-    facts.capture = facts.events = {true, ""};
+    facts.permissions.capture = facts.permissions.events = {true, ""};
     facts.encodesH264 = true;
     facts.tailnetAddress = "100.64.0.1";
     facts.tailnetName = "desk.example.ts.net";
@@ -48,8 +49,11 @@ TEST(Doctor, tellsWhatIsWrongAndWhatToDo)
     } rows[] = {
         {[](auto& f) { f.settingsText = R"({"port": "7420"})"; }, Verdict::problem, "settings",
             "can't be read as settings", "Mend it"},
+        {[](auto& f) { f.settingsText.reset(); }, Verdict::problem, "settings", "can't be read", "1 MiB"},
         {[](auto& f) { f.files[1].isOpenToOthers = true; }, Verdict::problem, "files",
-            "other users of this machine may read /home/me/.config/Pelorin/paired-devices.json", "chmod go="},
+            "look into or change /home/me/.config/Pelorin/paired-devices.json", "chmod go="},
+        {[](auto& f) { f.files[2].isOpenToOthers = true; }, Verdict::problem, "files",
+            "change /home/me/.config/Pelorin", "chmod go= /home/me/.config/Pelorin"},
         {[](auto& f) { f.files[0].isOpenToOthers = true; }, Verdict::note, "files", "host.json", "chmod go="},
         {[](auto& f) {
              f.files[0].isOpenToOthers = true;
@@ -58,15 +62,17 @@ TEST(Doctor, tellsWhatIsWrongAndWhatToDo)
             Verdict::problem, "files", "host.json", "chmod go="},
         {[](auto& f) { f.files[0].isOurs = false; }, Verdict::problem, "files", "belongs to another user",
             "chown"},
-        {[](auto& f) { f.capture = f.events = {false, "no X server: DISPLAY is not set"}; }, Verdict::problem,
-            "display server", "DISPLAY is not set", "graphical session"},
         {[](auto& f) {
-             f.capture = f.events = {false, "no X server at :0"};
+             f.permissions.capture = f.permissions.events = {false, "no X server: DISPLAY is not set"};
+         },
+            Verdict::problem, "display server", "DISPLAY is not set", "graphical session"},
+        {[](auto& f) {
+             f.permissions.capture = f.permissions.events = {false, "no X server at :0"};
              f.hasWaylandSession = true;
          },
             Verdict::problem, "display server", "no X server", "X11"},
-        {[](auto& f) { f.events = {false, "no XTEST"}; }, Verdict::problem, "display server", "no XTEST",
-            "extension"},
+        {[](auto& f) { f.permissions.events = {false, "no XTEST"}; }, Verdict::problem, "display server",
+            "no XTEST", "extension"},
         {[](auto& f) { f.encodesH264 = false; }, Verdict::problem, "video encoder", "H.264", "libx264"},
         {[](auto& f) { f.runningHost = std::unexpected("no host runs"); }, Verdict::note, "host",
             "no host runs", "systemctl"},
@@ -91,6 +97,10 @@ TEST(Doctor, tellsWhatIsWrongAndWhatToDo)
         {[](auto& f) { f.service->network.reset(); }, Verdict::note, "network", "not looked at", "names"},
         {[](auto& f) { f.service->network->kind = NatProbe::Kind::oneForEach; }, Verdict::note, "network",
             "symmetric NAT, seen as 203.0.113.7:5", "relay"},
+        {[](auto& f) {
+             f.service->network = NatProbe::Answer{NatProbe::Kind::some, f.service->network->seen, 1};
+         },
+            Verdict::note, "network", "1 did not answer", "servers"},
         {[](auto& f) { f.service->network = NatProbe::Answer{}; }, Verdict::problem, "network", "no answer",
             "Let UDP out"},
     };

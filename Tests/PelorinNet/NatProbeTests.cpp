@@ -86,6 +86,7 @@ TEST_F(NatProbeTest, isContentWithThoseThatAnswerInTime)
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->kind, Kind::some);
     EXPECT_EQ(answer->seen, outside);
+    EXPECT_EQ(answer->silent, 2U);
 }
 
 TEST_F(NatProbeTest, saysThatNobodyAnswered)
