@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <malloc.h>
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 
@@ -25,6 +26,7 @@ namespace {
 
 constexpr int poolThreads = 4; // capture with encoding, session, cursor, and one for the rest
 constexpr int quitDone = SIGUSR1; // how the controller wakes the main thread when all is let go of
+constexpr int largeBlock = 256 << 10; // bytes; more than what is sent in motion, less than a picture
 constexpr int codeSizePx = 600; // of a QR code in a file; a dozen pixels a module
 
 struct Options {
@@ -213,6 +215,9 @@ int main(int argumentCount, char** arguments)
     if (options.command == "doctor") return examine(options, places.supportDirectory);
     if (!options.command.empty()) return ask(options, places.supportDirectory);
 
+    // Left alone, malloc keeps blocks as large as the largest that was ever freed: pictures, for a host's
+    // life.
+    ::mallopt(M_MMAP_THRESHOLD, largeBlock);
     const sigset_t signals = takeSignals();
     std::unique_ptr<HostPlatform> platform; // outlive the pool, whose last tasks still use them
     std::optional<PairingStore> pairing;
