@@ -12,6 +12,7 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* fileName = "host.json";
+constexpr const char* keptName = "host.json.malformed"; // a slip of the hand, for whoever made it to mend
 constexpr std::size_t maxFileSize = 1 << 20; // bytes; hand-written settings take a few hundred
 constexpr int maxDepth = 4; // our own values nest two deep; what lies deeper is not even kept
 
@@ -151,15 +152,18 @@ std::optional<std::string> HostConfig::problemIn(const std::filesystem::path& di
     if (!std::filesystem::exists(std::filesystem::symlink_status(file, ignored))) return std::nullopt;
     const auto text = readWholeFile(file, maxFileSize);
     if (text && decode(*text)) return std::nullopt;
-    return text
-        ? "host.json 写错了，已换成默认设置\nhost.json was malformed and has been replaced by the defaults"
-        : "host.json 读不了，现在用默认设置\nhost.json cannot be read, so the defaults are used";
+    return text ? "host.json 写错了，已换成默认设置；原来的内容在 host.json.malformed\nhost.json was "
+                  "malformed and has been "
+                  "replaced by the defaults; what it said is in host.json.malformed"
+                : "host.json 读不了，现在用默认设置\nhost.json cannot be read, so the defaults are used";
 }
 
 HostConfig HostConfig::load(const std::filesystem::path& directory)
 {
-    if (const auto text = readWholeFile(directory / fileName, maxFileSize))
+    if (const auto text = readWholeFile(directory / fileName, maxFileSize)) {
         if (auto config = decode(*text)) return std::move(*config);
+        writeFileAtomically(directory / keptName, *text);
+    }
     const HostConfig defaults;
     defaults.save(directory);
     return defaults;

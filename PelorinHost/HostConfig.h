@@ -47,7 +47,8 @@ struct HostConfig {
     // What load would find wrong with the file there, for people; a missing one is fine.
     static std::optional<std::string> problemIn(const std::filesystem::path& directory);
     // Never fails: a missing, unreadable or malformed host.json in directory is replaced by the defaults, on
-    // disk too. A partial file that decodes stays as it is.
+    // disk too; what a malformed one said is kept beside it as host.json.malformed. A partial file that
+    // decodes stays as it is.
     static HostConfig load(const std::filesystem::path& directory);
     // Makes the directory and replaces the file whole. A failure is ignored; the program runs on with what it
     // has in memory.

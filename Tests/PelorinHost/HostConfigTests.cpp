@@ -114,10 +114,14 @@ TEST(HostConfig, replacesOnlyFilesThatAreMissingOrMalformed)
         EXPECT_EQ(HostConfig::load(directory), HostConfig());
         EXPECT_EQ(content(), complete);
     }
+    const auto kept = directory / "host.json.malformed";
+    EXPECT_EQ(readWholeFile(kept, 1 << 20), R"({"port": "7500"})") << "and not the three megabytes";
+    ASSERT_EQ(::stat(kept.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u) << "it may say a pairing code";
     std::ofstream(file) << R"({"port": 7500})";
     EXPECT_EQ(HostConfig::load(directory).port, 7500);
     EXPECT_EQ(content(), R"({"port": 7500})");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1)
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 2)
         << "no temporary file is left";
 }
 
