@@ -4,14 +4,11 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Lab/Process.h"
-#include "Tests/Lab/Wait.h"
 
-#include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <unistd.h>
 
 namespace pelorin {
 namespace {
@@ -183,21 +180,6 @@ TEST_F(ClaudeMonitorTest, leavesOutWhatNobodyLooksAtAndTheDead)
     write(state);
     begin();
     EXPECT_EQ(phase(), "running") << "begun with its session";
-}
-
-TEST_F(ClaudeMonitorTest, hearsThatASessionWasKilled)
-{
-    writeStatus("busy");
-    begin();
-    int changes = 0;
-    monitor->onChange = [&] { ++changes; };
-    EXPECT_EQ(phase(), "running");
-    process->signal(SIGKILL);
-    EXPECT_TRUE(lab::eventually([&] {
-        queues.runReady();
-        return changes > 0;
-    }));
-    EXPECT_EQ(phase(), "");
 }
 
 TEST_F(ClaudeMonitorTest, believesHooksAndStateFilesAsTheyCome)

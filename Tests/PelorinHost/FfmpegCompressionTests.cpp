@@ -89,18 +89,6 @@ TEST(FfmpegCompression, takesOnlyEncodersThatPassTheirTrial)
     EXPECT_FALSE(compression.createSession({VideoCodec::hevc, 321, 200, lowLatency, 1}).session);
 }
 
-TEST(FfmpegCompression, findsMissingHardwareNotAvailable)
-{
-    FfmpegCompression compression(hardwareEncoders());
-    compression.probe();
-    for (const auto codec : {VideoCodec::hevc, VideoCodec::h264})
-        for (const auto mode : {lowLatency, hardwareAccelerated}) {
-            const auto created = compression.createSession({codec, 640, 400, mode, 30});
-            EXPECT_EQ(created.session != nullptr, created.status == compressionStatus::success);
-            EXPECT_TRUE(created.session || created.status == compressionStatus::notAvailable);
-        }
-}
-
 // The keyframes (by their number) and the pictures of a session fed one by one.
 class Feed {
 public:
@@ -194,17 +182,6 @@ TEST(FfmpegSession, givesOutWhatItHeldBackWhenCompletedAndGoesOnAfterwards)
     encode(2);
     feed.session.reset();
     EXPECT_EQ(received, 7);
-}
-
-TEST(LinuxCompression, hasH264AtOnceAndHevcOnlyWhereItHoldsTheRate)
-{
-    LinuxCompression compression;
-    EXPECT_EQ(compression.createSession({VideoCodec::h264, 1920, 1080, lowLatency, 60}).status, 0);
-    const auto hevc = compression.createSession({VideoCodec::hevc, 8000, 8000, lowLatency, 120});
-    EXPECT_NE(hevc.status, 0);
-    EXPECT_FALSE(hevc.session);
-    EXPECT_EQ(compression.createSession({VideoCodec::h264, 7680, 4320, lowLatency, 60}).status, 0);
-    EXPECT_EQ(compression.createSession({VideoCodec::h264, 1920, 1080, hardwareAccelerated, 60}).status, 0);
 }
 
 } // namespace

@@ -1,11 +1,7 @@
 #include "PelorinHost/Platform/FolderWatch.h"
-#include "PelorinHost/Platform/ProcessWatch.h"
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Files.h"
-#include "Tests/Lab/Process.h"
-#include "Tests/Lab/Wait.h"
 
-#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -37,21 +33,6 @@ struct FolderWatchTest : testing::Test {
         return all;
     }
 };
-
-TEST_F(FolderWatchTest, tellsOfEntriesMadeWrittenRenamedAndRemoved)
-{
-    create_directories(root);
-    watch->watch({root});
-    EXPECT_EQ(changes(), Paths{});
-    lab::write(root / "1", "x");
-    EXPECT_EQ(changes(), Paths{root / "1"});
-    std::ofstream(root / "1", std::ios::app) << "y";
-    EXPECT_EQ(changes(), Paths{root / "1"});
-    std::filesystem::rename(root / "1", root / "2");
-    EXPECT_EQ(changes(), (Paths{root / "1", root / "2"}));
-    std::filesystem::remove(root / "2");
-    EXPECT_EQ(changes(), Paths{root / "2"});
-}
 
 TEST_F(FolderWatchTest, waitsForFoldersThatComeLaterGoAndComeAgain)
 {
@@ -111,40 +92,6 @@ TEST_F(FolderWatchTest, knowsAFolderByEveryNameItHasAndGivesUpOnLoopsOfLinks)
     watch->watch({});
     lab::write(root / "3", "x");
     EXPECT_EQ(changes(), Paths{});
-}
-
-TEST_F(FolderWatchTest, mayGoWhileItTells)
-{
-    create_directories(root);
-    watch->watch({root});
-    watch->onChange = [this](const Paths&) { watch.reset(); };
-    lab::write(root / "1", "x");
-    changes();
-    EXPECT_FALSE(watch);
-}
-
-TEST(ProcessWatch, tellsOneProcessFromALaterOneAndItsEnd)
-{
-    ManualQueues queues;
-    const auto child = lab::Process::start({"sleep", "1000"});
-    const auto start = processStart(child->pid());
-    ASSERT_TRUE(start);
-    EXPECT_EQ(processStart(child->pid())->ticks, start->ticks);
-    EXPECT_LT(std::chrono::abs(start->date - std::chrono::system_clock::now()), 60s);
-    EXPECT_GT(start->ticks, processStart(1)->ticks);
-
-    bool isOver = false;
-    ProcessWatch watch(queues.makeQueue("q"), child->pid());
-    watch.onEnd = [&] { isOver = true; };
-    queues.runReady();
-    EXPECT_FALSE(isOver);
-    child->signal(SIGKILL);
-    EXPECT_TRUE(lab::eventually([&] {
-        queues.runReady();
-        return isOver;
-    }));
-    EXPECT_FALSE(processStart(child->pid())) << "though nobody has reaped it yet";
-    EXPECT_FALSE(processStart(0) || processStart(-1));
 }
 
 } // namespace

@@ -43,14 +43,5 @@ TEST(FramePacer, holdsTheRateWhateverChanges)
     }
 }
 
-TEST(FramePacer, answersAtOnceAfterAQuietSpell)
-{
-    FramePacer pacer(60);
-    for (const auto now : {SteadyTime(1s), SteadyTime(2s), SteadyTime(2s + 17ms), SteadyTime(300s)}) {
-        EXPECT_LE(pacer.nextPicture(), now);
-        pacer.taken(now);
-    }
-}
-
 } // namespace
 } // namespace pelorin

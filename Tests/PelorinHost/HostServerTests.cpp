@@ -121,15 +121,6 @@ TEST_F(ServerTest, listensAgainWhenThePortWasTakenOrTheListenerFailed)
     Log::observe({});
 }
 
-TEST_F(ServerTest, waitsForTheTailnetOutsideOfTestMode)
-{
-    begin(false);
-    queues.advance(60s);
-    EXPECT_TRUE(listenCalls.empty());
-    EXPECT_THAT(events, ElementsAre("listening nowhere"));
-    EXPECT_THAT(connectionLog, ElementsAre("no Tailscale address; waiting for Tailscale"));
-}
-
 // A host in a tailnet, with the Tailscale tool and phones that speak TLS.
 struct TailnetServerTest : ServerTest {
     static constexpr const char* ownAddress = "100.64.0.1";
@@ -550,27 +541,6 @@ TEST_F(ServerTest, asksForTheLockByTheKindOfEnd)
     platform.screenLock.answer(LockedBy::shortcut);
     queues.runReady();
     EXPECT_EQ(connectionLog.back(), "locked the Mac with ⌃⌘Q");
-}
-
-TEST_F(ServerTest, disconnectsAndStopsOnRequest)
-{
-    begin();
-    EXPECT_FALSE(server->disconnect());
-    const auto phone = connectWithHello();
-    EXPECT_TRUE(server->disconnect());
-    queues.runReady();
-    EXPECT_EQ(phone->last<message::Error>().message, "已在 Mac 上断开");
-    EXPECT_EQ(events.back(), "ended disconnected on the Mac");
-
-    const auto last = connectWithHello();
-    const auto waiting = connect();
-    EXPECT_TRUE(server->stop());
-    queues.runReady();
-    EXPECT_EQ(last->last<message::Error>().message, "已在 Mac 上断开");
-    EXPECT_EQ(waiting->last<message::Error>().message, "已在 Mac 上断开");
-    EXPECT_EQ(listenersAlive, 0);
-    queues.advance(60s);
-    EXPECT_EQ(listenersAlive, 0);
 }
 
 TEST_F(ServerTest, canBeDestroyedWithSessionsInEveryState)

@@ -28,32 +28,6 @@ struct LineFileTest : testing::Test {
     }
 };
 
-TEST_F(LineFileTest, tellsEachLineOnceItIsWhole)
-{
-    EXPECT_EQ(read(LineFile::Found::nothing), Lines{});
-    append("one\n\ntw");
-    EXPECT_EQ(read(LineFile::Found::anotherFile), Lines{"one"});
-    EXPECT_EQ(read(), Lines{});
-    append("o");
-    EXPECT_EQ(read(), Lines{});
-    append("\nthree\n");
-    EXPECT_EQ(read(), (Lines{"two", "three"}));
-    EXPECT_EQ(restarts, 1);
-}
-
-TEST_F(LineFileTest, beginsAnewWithAnotherFileInItsPlace)
-{
-    append("one\ntwo\n");
-    read(LineFile::Found::anotherFile);
-    std::filesystem::rename(path, folder.path() / "some.jsonl.1");
-    EXPECT_EQ(read(LineFile::Found::nothing), Lines{});
-    append("new, and longer than before\n");
-    EXPECT_EQ(read(LineFile::Found::anotherFile), Lines{"new, and longer than before"});
-    lab::write(path, "cut\n");
-    EXPECT_EQ(read(LineFile::Found::anotherFile), Lines{"cut"});
-    EXPECT_EQ(restarts, 3);
-}
-
 TEST_F(LineFileTest, readsHeadAndTailOfAHugeFileAndTheTailOfAHugeAddition)
 {
     append("head\n");

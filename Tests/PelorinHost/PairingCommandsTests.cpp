@@ -113,31 +113,5 @@ TEST_F(PairingCommandsTest, refusesInWordsWhereALinkWouldBeOfNoUse)
     }
 }
 
-TEST_F(PairingCommandsTest, listsThePhonesAsATable)
-{
-    EXPECT_EQ(PairingCommands::readableDevices(PairingCommands::devices(store)), "no phone is paired\n");
-    const auto first = store.redeem(store.beginPairing().key.identity, "王小明的\niPhone");
-    queues.advance(std::chrono::hours(26));
-    const SecretBytes code(Bytes(32, 1));
-    Bytes publicKey(65, 1);
-    publicKey[0] = 4;
-    const auto second = store.pairRemote(publicKey, "iPad", pairingProof(code, publicKey, "c"), "c", code);
-    const std::string reply = PairingCommands::devices(store);
-    const auto devices = nlohmann::json::parse(reply)["devices"];
-    ASSERT_EQ(devices.size(), 2u);
-    EXPECT_EQ(devices[0]["through"], "tailnet");
-    EXPECT_EQ(devices[1]["through"], "rendezvous");
-    EXPECT_THAT(devices[0]["pairedAt"].get<std::string>(), testing::MatchesRegex("....-..-..T..:..:..Z"));
-    const std::string table = PairingCommands::readableDevices(reply).value();
-    EXPECT_THAT(table, HasSubstr("  tailnet     王小明的 iPhone\n" + second->id));
-    EXPECT_EQ(std::ranges::count(table, '\n'), 3);
-
-    EXPECT_THAT(PairingCommands::readableRemoval(PairingCommands::remove(store, first->id)).value(),
-        HasSubstr(first->id));
-    EXPECT_FALSE(PairingCommands::readableRemoval(PairingCommands::remove(store, first->id)));
-    EXPECT_FALSE(PairingCommands::readableDevices("[]"));
-    EXPECT_FALSE(PairingCommands::readablePair("{}"));
-}
-
 } // namespace
 } // namespace pelorin

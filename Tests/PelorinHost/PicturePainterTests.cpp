@@ -140,17 +140,6 @@ TEST(PicturePainter, losesNoThinLineInLargeReductions)
     }
 }
 
-TEST(PicturePainter, keepsThePixelsOfAPictureThatOutlivesIt)
-{
-    std::shared_ptr<const PixelBuffer> picture;
-    {
-        PicturePainter painter(64, 64, 64, 64);
-        picture = painter.picture();
-    }
-    EXPECT_EQ(picture->luma[63 * picture->lumaStride + 63], 16);
-    EXPECT_EQ(picture->chroma[31 * picture->chromaStride + 63], 128);
-}
-
 TEST(DamageRects, coverEverythingWithFewRectanglesThatDoNotOverlap)
 {
     std::minstd_rand random(3);

@@ -50,20 +50,5 @@ TEST_F(PrivacyScreenTest, blackensEveryDisplayEverySecondUntilItIsOff)
     EXPECT_THAT(lines, ElementsAre("privacy screen on", "privacy screen off"));
 }
 
-TEST_F(PrivacyScreenTest, onlyRestoresWhenItIsOffAndWhenItGoes)
-{
-    privacy->setEnabled(false);
-    EXPECT_EQ(displays.gammaRestorations, 1);
-    EXPECT_EQ(displays.gammaCalls, 0);
-    EXPECT_THAT(lines, ElementsAre("privacy screen off"));
-
-    privacy->setEnabled(true);
-    privacy.reset();
-    EXPECT_TRUE(displays.gamma.empty());
-    EXPECT_EQ(displays.gammaRestorations, 2);
-    queues.advance(10s);
-    EXPECT_TRUE(displays.gamma.empty());
-}
-
 } // namespace
 } // namespace pelorin

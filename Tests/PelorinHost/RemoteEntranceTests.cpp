@@ -103,23 +103,6 @@ protected:
     std::unique_ptr<HostServer> server;
 };
 
-TEST_F(RemoteEntranceTest, tellsWhetherTheHostIsRegistered)
-{
-    begin();
-    EXPECT_EQ(service.line().url, "wss://meet.example/v1/host");
-    EXPECT_FALSE(server->status().hostID);
-    enter();
-    EXPECT_EQ(server->status().hostID, KeyFingerprint::hostID(identity->publicKey()));
-    service.line().cut("gone");
-    queues.advance(10ms);
-    EXPECT_FALSE(server->status().hostID);
-    while (service.lines.size() < 10) {
-        service.line().cut("gone");
-        queues.advance(1s);
-    }
-    EXPECT_THAT(events, ElementsAre("已登记到 https://meet.example", "gone")) << "told when it changes";
-}
-
 TEST_F(RemoteEntranceTest, pairsWithTheCodeOnOfferAndKnowsThePhoneFromThenOn)
 {
     begin();

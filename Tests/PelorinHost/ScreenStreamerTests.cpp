@@ -96,24 +96,6 @@ struct ScreenStreamerTest : testing::Test {
     std::vector<std::string> lines;
 };
 
-TEST_F(ScreenStreamerTest, startsAtTheFittedSizeAndEncodesWhatComes)
-{
-    startAndFeed();
-    EXPECT_EQ(capture.stream->configuration, (CaptureConfiguration{960, 540, 60, true}));
-    EXPECT_THAT(infos, ElementsAre(message::DisplayInfo{960, 540, 1920, 1080}));
-    EXPECT_THAT(
-        lines, Contains("capture 960x540 from display 7 1920x1080 for viewport 960x2000 at scale 1.000000"));
-    EXPECT_EQ(compression.requests.front().widthPx, 960);
-    EXPECT_TRUE(frames[0].isKeyframe);
-    EXPECT_EQ(formats, 1);
-
-    queues.advance(20ms);
-    act([&] { capture.stream->feed(); });
-    ASSERT_EQ(frames.size(), 2U);
-    EXPECT_FALSE(frames[1].isKeyframe);
-    EXPECT_EQ(frames[1].ptsMicros - frames[0].ptsMicros, 20'000U);
-}
-
 TEST_F(ScreenStreamerTest, countsADisplayWithoutModeAsTwoPixelsAPoint)
 {
     capture.displays[0] = {.id = 7, .name = "modeless", .bounds = {0, 0, 800, 500}};
@@ -143,17 +125,6 @@ TEST_F(ScreenStreamerTest, looksADisplayUpTwentyFiveTimes)
     EXPECT_EQ(started->error().kind, ScreenStreamerError::Kind::noDisplay);
     EXPECT_EQ(capture.lookups, 25);
     EXPECT_EQ(capture.stream, nullptr);
-}
-
-TEST_F(ScreenStreamerTest, looksForItsOwnDisplayAmongOthers)
-{
-    make({.displayID = 8, .viewport = {}});
-    beginStart();
-    capture.displays.push_back(
-        {.id = 8, .name = "late", .modeWidthPx = 640, .modeHeightPx = 480, .bounds = {1920, 0, 640, 480}});
-    queues.advance(200ms);
-    EXPECT_TRUE(started && *started);
-    EXPECT_EQ(capture.stream->displayID, 8U);
 }
 
 TEST_F(ScreenStreamerTest, looksAgainForADisplayThatWentOnceListed)
@@ -262,19 +233,6 @@ TEST_F(ScreenStreamerTest, neverLetsTimeRunBackwards)
     EXPECT_GT(frames[2].ptsMicros, frames[1].ptsMicros);
 }
 
-TEST_F(ScreenStreamerTest, dropsWhatIsNoCompletePicture)
-{
-    beginStart();
-    const auto picture = std::make_shared<PixelBuffer>();
-    picture->widthPx = picture->heightPx = 64;
-    for (const auto status : {FrameStatus::idle, FrameStatus::blank, FrameStatus::suspended,
-             FrameStatus::started, FrameStatus::stopped})
-        act([&] { capture.stream->report({status, picture, queues.now()}); });
-    act([&] { capture.stream->report({FrameStatus::complete, nullptr, queues.now()}); });
-    act([&] { streamer->repeatLastFrame(); });
-    EXPECT_TRUE(compression.requests.empty());
-}
-
 TEST_F(ScreenStreamerTest, encodesStillsLikeAnyPicture)
 {
     startAndFeed();
@@ -288,21 +246,6 @@ TEST_F(ScreenStreamerTest, encodesStillsLikeAnyPicture)
     act([&] { streamer->captureStill(); });
     EXPECT_THAT(lines, Contains("still capture failed: dark"));
     EXPECT_EQ(frames.size(), 3U);
-}
-
-TEST_F(ScreenStreamerTest, followsAModeThatIsSwitched)
-{
-    startAndFeed();
-    act([&] {
-        capture.stream->changeGeometry({.id = 7,
-            .name = "fake",
-            .modeWidthPx = 1280,
-            .modeHeightPx = 1024,
-            .bounds = {0, 0, 1280, 1024},
-            .isMain = true});
-    });
-    EXPECT_THAT(capture.stream->updates, ElementsAre(CaptureConfiguration{960, 768, 60, true}));
-    EXPECT_EQ(infos.back(), (message::DisplayInfo{960, 768, 1280, 1024}));
 }
 
 TEST_F(ScreenStreamerTest, doesNothingOnceStopped)

@@ -7,22 +7,6 @@ namespace {
 
 using enum VideoGate::Verdict;
 
-TEST(VideoGate, dropsTheThirdFrameAndResumesWithAKeyframe)
-{
-    VideoGate gate;
-    EXPECT_EQ(gate.admit(true), send);
-    EXPECT_EQ(gate.admit(false), send);
-    EXPECT_EQ(gate.admit(false), dropAndRequestKeyframe);
-    EXPECT_TRUE(gate.awaitingKeyframe);
-    EXPECT_EQ(gate.admit(false), drop);
-    EXPECT_FALSE(gate.sent());
-    EXPECT_EQ(gate.admit(false), drop) << "room alone is not enough";
-    EXPECT_EQ(gate.admit(true), send);
-    EXPECT_FALSE(gate.awaitingKeyframe);
-    EXPECT_FALSE(gate.sent());
-    EXPECT_EQ(gate.admit(false), send);
-}
-
 TEST(VideoGate, sendsEveryKeyframeButAsksForNoneBeforeThereIsRoom)
 {
     VideoGate gate;
@@ -40,15 +24,6 @@ TEST(VideoGate, sendsEveryKeyframeButAsksForNoneBeforeThereIsRoom)
     EXPECT_FALSE(gate.sent());
     EXPECT_TRUE(gate.sent()) << "the owed keyframe, once there is room";
     EXPECT_FALSE(gate.sent()) << "once";
-}
-
-TEST(VideoGate, holdsRequestsTogetherUntilAKeyframeComes)
-{
-    VideoGate gate;
-    EXPECT_TRUE(gate.keyframeWanted());
-    for (int i = 0; i < 1000; ++i) EXPECT_FALSE(gate.keyframeWanted());
-    EXPECT_EQ(gate.admit(true), send);
-    EXPECT_TRUE(gate.keyframeWanted());
 }
 
 TEST(VideoGate, asksAgainForAKeyframeThatNeverCame)

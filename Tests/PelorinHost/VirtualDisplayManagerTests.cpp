@@ -92,32 +92,6 @@ TEST_F(VirtualDisplayManagerTest, makesMirrorsReusesAndRemoves)
     EXPECT_EQ(displays.restorations, 1);
 }
 
-TEST_F(VirtualDisplayManagerTest, turnsTheDisplayThereIsWithoutTheOldArrangementInBetween)
-{
-    ask(upright);
-    ask(sideways);
-    EXPECT_THAT(answers, ElementsAre(101, 101));
-    EXPECT_THAT(displays.sizes, ElementsAre(upright, sideways));
-    EXPECT_EQ(displays.restorations, 0);
-    EXPECT_EQ(displays.mirrorings.size(), 2u);
-
-    displays.refusesSettings = true;
-    ask(upright);
-    EXPECT_EQ(answers.back(), std::nullopt);
-    EXPECT_EQ(displays.virtualID, 0u);
-    EXPECT_EQ(displays.restorations, 1);
-    EXPECT_EQ(lines[2], "applySettings 390x844 failed");
-}
-
-TEST_F(VirtualDisplayManagerTest, makesANewOneInPlaceOfOneThatIsGone)
-{
-    ask(upright);
-    displays.listsVirtual = false; // as after the display server started anew
-    displays.onChange = [this] { displays.listsVirtual = true; };
-    ask(upright);
-    EXPECT_THAT(answers, ElementsAre(101, 102));
-}
-
 TEST_F(VirtualDisplayManagerTest, triesEightTimesToMakeOne)
 {
     for (const int refusals : {1, 7, 8, 20}) {
@@ -167,14 +141,6 @@ TEST_F(VirtualDisplayManagerTest, triesSixTimesToMirrorAndKeepsAnExtraScreenOthe
     EXPECT_EQ(lines[6], "could not mirror physical displays; the virtual display stays an extra screen");
     manager->release(first);
     EXPECT_EQ(displays.restorations, 1) << "nothing was mirrored";
-}
-
-TEST_F(VirtualDisplayManagerTest, hasNothingToMirrorWhenItIsAlone)
-{
-    displays.physical.clear();
-    ask(upright);
-    EXPECT_THAT(answers, ElementsAre(101));
-    EXPECT_THAT(displays.mirrorings, ElementsAre(IsEmpty()));
 }
 
 TEST_F(VirtualDisplayManagerTest, letsALaterWishTakeTheEarliersPlace)

@@ -228,20 +228,6 @@ TEST_F(X11CaptureStreamTest, scalesWhatChangedAsItScalesTheWhole)
     EXPECT_EQ(pixelsOf(picture()), piecewise);
 }
 
-TEST_F(X11CaptureStreamTest, changesItsSizeFromTheNextPictureOn)
-{
-    start({640, 480, 60, false});
-    const auto first = samples.back().picture;
-    queue->post([&] {
-        EXPECT_TRUE(stream->updateConfiguration({320, 240, 60, false}));
-        EXPECT_FALSE(stream->updateConfiguration({321, 240, 60, false}));
-    });
-    ASSERT_TRUE(nextSample());
-    EXPECT_EQ(picture().widthPx, 320);
-    EXPECT_THAT(picture().damage, ElementsAre(PixelRect{0, 0, 320, 240}));
-    EXPECT_EQ(first->widthPx, 640);
-}
-
 TEST_F(X11CaptureStreamTest, takesAStillOfAScreenThatDoesNotChange)
 {
     lab::XDrawing drawing(server.display());
@@ -447,57 +433,6 @@ TEST_F(X11MonitorsTest, seesOnlyItsOwnMonitor)
     EXPECT_THAT(picture().damage, ElementsAre(PixelRect{0, 20, 20, 10}));
     EXPECT_EQ(pixel(19, 20), white);
     EXPECT_EQ(pixel(20, 20), black);
-}
-
-TEST_F(X11MonitorsTest, goesOnAfterAModeIsSwitched)
-{
-    lab::XDrawing drawing(server.display());
-    start({800, 600, 60, false});
-    server.run(
-        {"xrandr", "--newmode", "small", "40", "640", "648", "656", "664", "480", "482", "484", "486"});
-    server.run({"xrandr", "--addmode", "DUMMY0", "small"});
-    server.run({"xrandr", "--output", "DUMMY0", "--mode", "small"});
-    ASSERT_TRUE(runUntil([&] { return !changes.empty(); }));
-    EXPECT_EQ(changes.back().modeWidthPx, 640);
-    EXPECT_EQ(changes.back().bounds, (Rect{0, 0, 640, 480}));
-    settle();
-    EXPECT_EQ(picture().widthPx, 800); // until told otherwise
-    queue->post([&] { EXPECT_TRUE(stream->updateConfiguration({640, 480, 60, false})); });
-    ASSERT_TRUE(nextSample());
-    drawing.fill(630, 470, 10, 10, 0xFF0000);
-    ASSERT_TRUE(nextSample());
-    EXPECT_EQ(pixel(639, 479), red);
-    EXPECT_TRUE(stops.empty());
-}
-
-TEST_F(X11MonitorsTest, followsItsMonitorToAnotherPlace)
-{
-    addSecondMonitor();
-    lab::XDrawing drawing(server.display());
-    start(idOf("DUMMY1"), {640, 480, 60, false});
-    server.run({"xrandr", "--output", "DUMMY1", "--below", "DUMMY0"});
-    ASSERT_TRUE(runUntil([&] { return !changes.empty(); }));
-    EXPECT_EQ(changes.back().bounds, (Rect{0, 600, 640, 480}));
-    drawing.fill(0, 600, 10, 10, 0xFF0000);
-    ASSERT_TRUE(runUntil([&] { return pixel(0, 0) == red; }));
-    EXPECT_TRUE(stops.empty());
-}
-
-TEST_F(X11MonitorsTest, stopsWhenItsMonitorIsRemoved)
-{
-    addSecondMonitor();
-    const auto id = idOf("DUMMY1");
-    start(id, {640, 480, 60, true});
-    server.run({"xrandr", "--output", "DUMMY1", "--off"});
-    ASSERT_TRUE(runUntil([&] { return !stops.empty(); }));
-    EXPECT_THAT(stops, ElementsAre("display " + std::to_string(id) + " (DUMMY1) is gone"));
-    settle();
-    EXPECT_EQ(stops.size(), 1U);
-    queue->post([&] {
-        const auto made = capture.makeStream(id, {640, 480, 60, false}, queue);
-        EXPECT_TRUE(made && !*made);
-    });
-    queues.runReady();
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 #include "PelorinHost/Linux/X11Displays.h"
 #include "PelorinHost/Linux/X11Monitors.h"
-#include "PelorinHost/Linux/X11ScreenGrabber.h"
 #include "Tests/Lab/Files.h"
-#include "Tests/Lab/Wait.h"
 #include "Tests/Lab/XServer.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +11,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 const GammaTable black{{0, 0}, {0, 0}, {0, 0}};
 constexpr VirtualDisplaySettings upright{.hiDPI = true, .size = {390, 844}};
@@ -271,27 +268,6 @@ TEST_F(X11DisplaysTest, keepsWhatWasPluggedInAndLetsGoOfWhatWasUnplugged)
     EXPECT_THAT(monitors(), HasSubstr("DUMMY0 1280x720+0+0"));
     EXPECT_THAT(monitors(), HasSubstr("DUMMY5 800x600+390+0;"));
     EXPECT_FALSE(hasNote());
-}
-
-TEST_F(X11DisplaysTest, livesThroughTheEndOfTheServer)
-{
-    auto phone = displays->createVirtualDisplay({});
-    ASSERT_TRUE(phone->applySettings(upright));
-    mirrorOnto(phone->displayID());
-    blacken();
-    server.kill();
-    EXPECT_THAT(displays->onlineDisplays(), IsEmpty());
-    EXPECT_FALSE(phone->applySettings(sideways));
-    EXPECT_EQ(displays->createVirtualDisplay({}), nullptr);
-    server.restart();
-    const auto fresh = everything();
-    EXPECT_EQ(displays->onlineDisplays().size(), 1u);
-    EXPECT_FALSE(hasNote()) << "it was about another server";
-    phone.reset();
-    displays->restoreGamma();
-    EXPECT_EQ(everything(), fresh);
-    phone = displays->createVirtualDisplay({});
-    EXPECT_TRUE(phone->applySettings(upright));
 }
 
 TEST_F(X11DisplaysTest, changesNothingThatItCouldNotUndo)

@@ -1,9 +1,7 @@
 #include "PelorinCore/Keys/MacKey.h"
-#include "PelorinHost/Input/InputInjector.h"
 #include "PelorinHost/Linux/XtestEventPosting.h"
 #include "PelorinNet/Log.h"
 #include "PelorinNet/Queue/ManualQueues.h"
-#include "Tests/Fakes/FakeDisplayBounds.h"
 #include "Tests/Lab/InputWindow.h"
 #include "Tests/Lab/Wait.h"
 #include "Tests/Lab/XServer.h"
@@ -81,14 +79,6 @@ TEST_F(XtestEventPostingTest, scrollsByWholeClicksTowardsWhereTheContentFollows)
     EXPECT_EQ(window.eventsUntil("key 38 up").size(), 2u * 50 + 2);
 }
 
-TEST_F(XtestEventPostingTest, pressesTheModifiersThatFlagsNameOnlyAsLongAsTheKey)
-{
-    tap(MacKey::digit4, command | shift);
-    EXPECT_THAT(window.eventsUntil("key 133 up"),
-        ElementsAre("key 50 down", "key 133 down", "key 13 down", "key 13 up", "key 133 up"));
-    EXPECT_THAT(windowEvents(), ElementsAre("key 50 up"));
-}
-
 TEST_F(XtestEventPostingTest, sharesHeldModifiersBetweenKeys)
 {
     posting->postKey(MacKey::rightShift, true, shift, true);
@@ -107,17 +97,6 @@ TEST_F(XtestEventPostingTest, sharesHeldModifiersBetweenKeys)
 
 TEST_F(XtestEventPostingTest, letsGoOfEverythingAtTheEnd)
 {
-    fakes::FakeDisplayBounds displays;
-    posting->postPointer(PointerEventType::moved, {7, 7}, 0, 0);
-    {
-        InputInjector injector(*posting, displays, *queue);
-        injector.key(MacKey::shift, true, none);
-        injector.key(MacKey::q, true, command);
-        injector.button(MouseButton::left, true, 1);
-        window.eventsUntil("button 1 down at 7,7");
-    }
-    EXPECT_THAT(windowEvents(), ElementsAre("button 1 up at 7,7", "key 24 up", "key 133 up", "key 50 up"));
-
     posting->postKey(MacKey::shift, true, shift, true);
     posting->postKey(MacKey::q, true, command, false);
     posting->postButton(MouseButton::right, true, {7, 7}, 1);
@@ -154,24 +133,6 @@ TEST_F(XtestEventPostingTest, keepsEventsBehindTextAndLetsOnlyThePointerOvertake
     EXPECT_THAT(windowEvents(),
         ElementsAre("key 93 down", "key 93 up", "key 36 down", "key 36 up", "button 1 down at 2,2",
             "motion 4,4", "button 1 up at 4,4"));
-}
-
-TEST_F(XtestEventPostingTest, givesSpareKeysBackAtTheEnd)
-{
-    const auto mapping = [&] { return server->run({"xmodmap", "-pke"}); };
-    XtestEventPosting::tidy(server->display());
-    const auto before = mapping();
-    posting->postUnicode(u"你好");
-    time.advance(1s);
-    posting->postUnicode(u"们"); // somebody may be looking this one up
-    posting->cursorLocation();
-    EXPECT_NE(mapping(), before);
-    posting.reset();
-    const auto left = mapping();
-    EXPECT_EQ(left.find("U4F60"), std::string::npos);
-    EXPECT_NE(left.find("U4EEC"), std::string::npos) << left;
-    XtestEventPosting::tidy(server->display());
-    EXPECT_EQ(mapping(), before);
 }
 
 TEST_F(XtestEventPostingTest, dropsWhatIsMoreThanAPhoneCouldMean)
