@@ -4,6 +4,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Lab/Process.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -23,20 +24,13 @@ constexpr const char* otherID = "f2d1c0aa-1111-4222-8333-444455556666";
 
 // Agents that are not there, and the files they would leave.
 struct ClaudeMonitorTest : testing::Test {
+    const LogLines log;
     ManualQueues queues;
     QueueRef queue = queues.makeQueue("agents");
     lab::TemporaryFolder folder;
     std::filesystem::path root = folder.path() / "claude";
     std::unique_ptr<lab::Process> process = lab::Process::start({"sleep", "1000"});
-    std::vector<std::string> logged;
     std::unique_ptr<ClaudeMonitor> monitor;
-
-    ClaudeMonitorTest()
-    {
-        Log::observe(
-            [this](LogLevel, std::string_view, std::string_view text) { logged.emplace_back(text); });
-    }
-    ~ClaudeMonitorTest() override { Log::observe({}); }
 
     void begin() { monitor = std::make_unique<ClaudeMonitor>(root, queue); }
 
@@ -148,8 +142,8 @@ TEST_F(ClaudeMonitorTest, isNotShakenByWhatItDoesNotKnow)
         writeStatus("pondering");
         EXPECT_EQ(phase(), "idle");
     }
-    EXPECT_EQ(
-        std::ranges::count_if(logged, [](const auto& line) { return line.find("pondering") != line.npos; }),
+    EXPECT_EQ(std::ranges::count_if(
+                  log.lines, [](const auto& line) { return line.find("pondering") != line.npos; }),
         1);
     auto other = stateOf(*process, "busy", "../../etc");
     write(other);
@@ -212,7 +206,7 @@ TEST_F(ClaudeMonitorTest, believesHooksAndStateFilesAsTheyCome)
         EXPECT_EQ(phase(), expected) << input;
         EXPECT_EQ(task().detail, detail) << input;
     }
-    EXPECT_THAT(logged, testing::Contains(HasSubstr("BrandNewEvent")));
+    EXPECT_THAT(log.lines, testing::Contains(HasSubstr("BrandNewEvent")));
 
     writeStatus("busy"); // later than the last hook
     EXPECT_EQ(phase(), "running");

@@ -2,6 +2,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Lab/Process.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <fmt/chrono.h>
 #include <fstream>
@@ -52,21 +53,14 @@ std::size_t bytesRead()
 struct CodexMonitorTest : testing::Test {
     static constexpr auto recent = 2h;
 
+    const LogLines log;
     ManualQueues queues;
     QueueRef queue = queues.makeQueue("agents");
     lab::TemporaryFolder folder;
     std::filesystem::path root = folder.path() / "codex";
     std::filesystem::path database = root / "state_5.sqlite";
     std::filesystem::path rollout = rolloutOf(someID);
-    std::vector<std::string> logged;
     std::unique_ptr<CodexMonitor> monitor;
-
-    CodexMonitorTest()
-    {
-        Log::observe(
-            [this](LogLevel, std::string_view, std::string_view text) { logged.emplace_back(text); });
-    }
-    ~CodexMonitorTest() override { Log::observe({}); }
 
     void begin() { monitor = std::make_unique<CodexMonitor>(root, root, recent, queue); }
 
@@ -191,7 +185,7 @@ TEST_F(CodexMonitorTest, isNotShakenByWhatItDoesNotKnow)
     }
     EXPECT_FALSE(monitor->activity().usage);
     EXPECT_EQ(
-        std::ranges::count_if(logged, [](const auto& text) { return text.find("hologram") != text.npos; }),
+        std::ranges::count_if(log.lines, [](const auto& text) { return text.find("hologram") != text.npos; }),
         1);
 }
 
@@ -310,7 +304,7 @@ TEST_F(CodexMonitorTest, takesTitlesFromTheListAndFollowsItToOldThreadsOnly)
     }
     EXPECT_EQ(tasks().at(0).title, "Going on") << "as last known";
     EXPECT_EQ(std::ranges::count_if(
-                  logged, [](const auto& text) { return text.find("can't be read") != text.npos; }),
+                  log.lines, [](const auto& text) { return text.find("can't be read") != text.npos; }),
         1);
 }
 

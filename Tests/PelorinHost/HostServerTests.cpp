@@ -5,6 +5,7 @@
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <deque>
 #include <fmt/ranges.h>
@@ -100,10 +101,9 @@ struct ServerTest : testing::Test {
 TEST_F(ServerTest, listensAgainWhenThePortWasTakenOrTheListenerFailed)
 {
     listenResults = {NetError{"Address already in use"}, NetError{"Address already in use"}, {}};
-    std::vector<std::string> log;
-    Log::observe([&](LogLevel, std::string_view, std::string_view text) { log.emplace_back(text); });
+    const LogLines log;
     begin();
-    EXPECT_THAT(log, testing::Contains("listen on 127.0.0.1 failed: Address already in use"));
+    EXPECT_THAT(log.lines, testing::Contains("listen on 127.0.0.1 failed: Address already in use"));
     queues.advance(9s);
     EXPECT_TRUE(events.empty());
     queues.advance(1s);
@@ -112,13 +112,12 @@ TEST_F(ServerTest, listensAgainWhenThePortWasTakenOrTheListenerFailed)
     EXPECT_EQ(server->status().listening, "127.0.0.1:7420");
 
     listener->onFailure(NetError{"the interface went away"});
-    EXPECT_THAT(log, testing::Contains("listener failed: the interface went away"));
+    EXPECT_THAT(log.lines, testing::Contains("listener failed: the interface went away"));
     EXPECT_EQ(server->status().listening, std::nullopt);
     queues.advance(5s);
     EXPECT_THAT(events, ElementsAre("listening 127.0.0.1", "listening nowhere", "listening 127.0.0.1"));
     EXPECT_EQ(listenersAlive, 1);
     EXPECT_EQ(listenCalls.size(), 4u);
-    Log::observe({});
 }
 
 // A host in a tailnet, with the Tailscale tool and phones that speak TLS.

@@ -5,6 +5,7 @@
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
 #include "Tests/Lab/Programs.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <cmath>
 #include <gmock/gmock.h>
@@ -531,13 +532,11 @@ TEST_F(SessionTest, fallsBackToTheMainDisplayWhenThereCanBeNoOther)
     open();
     helloAsPhone();
     platform.arrangement.refusesSettings = true;
-    std::vector<std::string> log;
-    Log::observe([&](LogLevel, std::string_view, std::string_view text) { log.emplace_back(text); });
+    const LogLines log;
     say(message::SetViewport{{2532, 1170, 3}});
     queues.advance(500ms);
-    Log::observe({});
-    EXPECT_THAT(
-        log, testing::Contains("virtual display unavailable; falling back to the main display").Times(1));
+    EXPECT_THAT(log.lines,
+        testing::Contains("virtual display unavailable; falling back to the main display").Times(1));
     EXPECT_EQ(platform.capture.stream->displayID, 7u);
     EXPECT_EQ(phone->last<message::DisplayInfo>(), (message::DisplayInfo{1920, 1080, 1920, 1080}));
     pingFor(1s);

@@ -1,11 +1,11 @@
 #include "PelorinCore/Pairing/Base64URL.h"
 #include "PelorinHost/Trust/PairingStore.h"
 #include "PelorinNet/Identity/KeyFingerprint.h"
-#include "PelorinNet/Log.h"
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "PelorinNet/Queue/QueuePool.h"
 #include "Tests/Lab/Programs.h"
 #include "Tests/Lab/SystemCalls.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <barrier>
 #include <csignal>
@@ -37,21 +37,16 @@ Bytes publicKeyNumber(std::uint8_t number)
 
 // A store on virtual time, and what it said and wrote.
 struct PairingStoreTest : testing::Test {
+    LogLines log;
     lab::TemporaryFolder folder;
     std::filesystem::path file = folder.path() / "support" / "paired-devices.json";
     ManualQueues queues;
     QueueRef queue = queues.makeQueue("pairing");
-    std::vector<std::string> lines;
     int changes = 0;
     std::unique_ptr<PairingStore> store;
     Subscription watch;
 
-    PairingStoreTest()
-    {
-        Log::observe([this](LogLevel, std::string_view, std::string_view text) { lines.emplace_back(text); });
-        open();
-    }
-    ~PairingStoreTest() override { Log::observe({}); }
+    PairingStoreTest() { open(); }
 
     void open()
     {
@@ -115,7 +110,7 @@ TEST_F(PairingStoreTest, turnsAnOfferIntoAPairedPhoneOnce)
     EXPECT_TRUE(store->remove(device->id));
     EXPECT_FALSE(store->remove(device->id));
     EXPECT_EQ(written(), nlohmann::json::array());
-    EXPECT_THAT(lines,
+    EXPECT_THAT(log.lines,
         ElementsAre("pairing started (" + offer.key.identity + ")",
             "removed paired phone my phone [31m (" + device->id + ")"));
 }
@@ -162,12 +157,12 @@ TEST_F(PairingStoreTest, clearsAnUnusedOfferASecondAfterItsEndAndNoOther)
     EXPECT_EQ(changes, 0);
     queues.advance(500ms);
     EXPECT_EQ(changes, 1);
-    EXPECT_THAT(lines.back(), "pairing key expired unused");
+    EXPECT_THAT(log.lines.back(), "pairing key expired unused");
 
     ASSERT_TRUE(redeem());
-    lines.clear();
+    log.lines.clear();
     queues.advance(400s);
-    EXPECT_THAT(lines, IsEmpty()) << "it was used";
+    EXPECT_THAT(log.lines, IsEmpty()) << "it was used";
     store->beginPairing();
     store.reset();
     queues.advance(400s);
@@ -210,7 +205,7 @@ TEST_F(PairingStoreTest, pairsThroughTheServiceByProofOfTheCode)
     ASSERT_TRUE(again);
     EXPECT_NE(again->id, reviewed->id);
     EXPECT_TRUE(store->pending()) << "the review code leaves an offer alone";
-    EXPECT_EQ(lines.back(), "paired again as " + again->id + " through the rendezvous service");
+    EXPECT_EQ(log.lines.back(), "paired again as " + again->id + " through the rendezvous service");
 
     const auto remote = pairRemote(offer.code);
     ASSERT_TRUE(remote);
@@ -258,7 +253,7 @@ TEST_F(PairingStoreTest, keepsPhonesThatCouldNotBeSavedForTheNextSave)
     std::filesystem::rename(file.parent_path().string() + "-file", file.parent_path());
     const auto device = store->redeem(offer.key.identity, "phone");
     ASSERT_TRUE(device);
-    EXPECT_THAT(lines.back(), HasSubstr("cannot write"));
+    EXPECT_THAT(log.lines.back(), HasSubstr("cannot write"));
     std::filesystem::remove(file.parent_path());
     const auto second = redeem("second");
     open();
@@ -303,10 +298,10 @@ TEST_F(PairingStoreTest, trustsNoFileThatItCouldNotHaveWritten)
     };
     for (const auto& [what, content, devices] : rows) {
         lab::write(file, content);
-        lines.clear();
+        log.lines.clear();
         open();
         EXPECT_EQ(store->devices().size(), devices) << what;
-        EXPECT_EQ(lines.empty(), devices > 0) << what;
+        EXPECT_EQ(log.lines.empty(), devices > 0) << what;
         EXPECT_EQ(lab::contentOf(file), content) << "reading destroys nothing";
     }
     ASSERT_TRUE(redeem());
@@ -410,12 +405,10 @@ TEST(PairingStore, neverLeavesAHalfWrittenFileHoweverFarASaveCame)
         std::string told;
         isKilled = pairAndKill(folder.path(), calls, told);
 
-        std::vector<std::string> errors;
-        Log::observe([&](LogLevel, std::string_view, std::string_view text) { errors.emplace_back(text); });
+        const LogLines log;
         ManualQueues queues;
         const PairingStore left(folder.path(), queues.makeQueue("pairing"));
-        Log::observe({});
-        EXPECT_THAT(errors, IsEmpty());
+        EXPECT_THAT(log.lines, IsEmpty());
         const auto devices = left.devices();
         EXPECT_GE(devices.size(), before) << "nobody who was paired is lost";
         EXPECT_LE(devices.size(), before + 1);

@@ -122,24 +122,6 @@ TEST(PicturePainter, leavesTheRestOfThePictureAlone)
     EXPECT_TRUE(isEmpty(painter.pictureRectOf({640, 0, 100, 480}))); // beside the display
 }
 
-// Thin lines are what desktops are made of: at a quarter of the size each of them still shows.
-TEST(PicturePainter, losesNoThinLineInLargeReductions)
-{
-    constexpr int width = 1200;
-    constexpr int height = 40;
-    for (int line = 0; line < 16; ++line) {
-        Desktop desktop(width, height);
-        std::ranges::fill(desktop.pixels, 0xFF000000);
-        for (int y = 0; y < height; ++y)
-            desktop.pixels[static_cast<std::size_t>(y * width + 600 + line)] = 0xFFFFFFFF;
-        PicturePainter painter(width, height, 330, 12);
-        desktop.paint(painter, painter.wholePicture());
-        const auto picture = painter.picture();
-        const auto* row = picture->luma + 4 * picture->lumaStride;
-        EXPECT_GT(*std::max_element(row, row + 330), 16 + 26) << line;
-    }
-}
-
 TEST(DamageRects, coverEverythingWithFewRectanglesThatDoNotOverlap)
 {
     std::minstd_rand random(3);

@@ -1,11 +1,11 @@
 #include "PelorinHost/HostServer.h"
-#include "PelorinNet/Identity/KeyFingerprint.h"
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Fakes/FakeHostPlatform.h"
 #include "Tests/Fakes/FakePhone.h"
 #include "Tests/Lab/Files.h"
 #include "Tests/Peers/RemotePhone.h"
 #include "Tests/Peers/ScriptedService.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <gmock/gmock.h>
 
@@ -23,14 +23,7 @@ using testing::Not;
 // A host in no tailnet whose rendezvous service is played by the test.
 class RemoteEntranceTest : public testing::Test {
 protected:
-    RemoteEntranceTest()
-    {
-        config.rendezvousURL = "https://meet.example";
-        Log::observe([this](LogLevel level, std::string_view category, std::string_view text) {
-            if (level != LogLevel::debug && category == "rendezvous") logged.emplace_back(text);
-        });
-    }
-    ~RemoteEntranceTest() override { Log::observe({}); }
+    RemoteEntranceTest() { config.rendezvousURL = "https://meet.example"; }
 
     void begin()
     {
@@ -88,6 +81,7 @@ protected:
     }
     static Bytes bytesOf(const SecretBytes& secret) { return {secret.view().begin(), secret.view().end()}; }
 
+    LogLines log{"rendezvous"};
     fakes::FakeHostPlatform
         platform; // outlives the queues, whose last tasks still use it, as they use the service
     ScriptedService service;
@@ -98,7 +92,7 @@ protected:
     PairingStore pairing{folder.path(), queues.makeQueue("pairing")};
     HostConfig config;
     const std::unique_ptr<SoftwareIdentity> phone = makeQuicIdentity("phone");
-    std::vector<std::string> logged, events, connectionLog;
+    std::vector<std::string> events, connectionLog;
     int nonces = 0, sessions = 0;
     std::unique_ptr<HostServer> server;
 };
@@ -119,7 +113,7 @@ TEST_F(RemoteEntranceTest, pairsWithTheCodeOnOfferAndKnowsThePhoneFromThenOn)
 
     pairing.remove(pairing.devices()[0].id);
     EXPECT_THAT(answerTo(requestOf().json()).get<std::string>(), HasSubstr("可能在 Mac 上被移除了"));
-    EXPECT_THAT(logged, Not(Contains(HasSubstr("review code"))));
+    EXPECT_THAT(log.lines, Not(Contains(HasSubstr("review code"))));
 }
 
 TEST_F(RemoteEntranceTest, takesTheReviewCodeAgainAndAgainAndSaysSo)
@@ -127,24 +121,24 @@ TEST_F(RemoteEntranceTest, takesTheReviewCodeAgainAndAgainAndSaysSo)
     config.reviewPairingCode = "审核 2026";
     begin();
     enter();
-    EXPECT_THAT(logged, Contains(HasSubstr("a review code is set")));
+    EXPECT_THAT(log.lines, Contains(HasSubstr("a review code is set")));
     const Bytes code(config.reviewPairingCode.begin(), config.reviewPairingCode.end());
     const auto offer = pairing.beginPairing();
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(answerTo(requestOf().pairing(code, "reviewer"))["paired"], true);
         queues.advance(24h);
-        logged.clear();
+        log.lines.clear();
         EXPECT_EQ(answerTo(requestOf().pairing(code, "reviewer"))["paired"], true);
-        EXPECT_THAT(logged, Contains("reviewer was paired with the review code, which never expires"));
+        EXPECT_THAT(log.lines, Contains("reviewer was paired with the review code, which never expires"));
     }
     EXPECT_EQ(pairing.devices().size(), 1u);
     EXPECT_TRUE(answerTo(requestOf().pairing(Bytes(32, 1), "stranger")).is_string());
     // One on offer goes before, and is used up.
     const auto another = pairing.beginPairing();
-    logged.clear();
+    log.lines.clear();
     EXPECT_EQ(answerTo(requestOf().pairing(bytesOf(another.code), "guest"))["paired"], true);
     EXPECT_FALSE(pairing.pending());
-    EXPECT_THAT(logged, Not(Contains(HasSubstr("review code"))));
+    EXPECT_THAT(log.lines, Not(Contains(HasSubstr("review code"))));
 }
 
 TEST_F(RemoteEntranceTest, fillsNoLogWithRefusals)

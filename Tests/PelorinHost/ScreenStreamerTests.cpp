@@ -2,6 +2,7 @@
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Fakes/FakeCompression.h"
 #include "Tests/Fakes/FakeDisplayCapture.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,18 +41,11 @@ TEST(CaptureSize, fitsTheViewportEvenAndNeverEnlarged)
 }
 
 struct ScreenStreamerTest : testing::Test {
-    ScreenStreamerTest()
-    {
-        Log::observe([this](LogLevel, std::string_view category, std::string_view text) {
-            if (category == "capture") lines.emplace_back(text);
-        });
-        make({.displayID = 7, .viewport = {960, 2000, 3}});
-    }
+    ScreenStreamerTest() { make({.displayID = 7, .viewport = {960, 2000, 3}}); }
     ~ScreenStreamerTest() override
     {
         streamer.reset();
         queues.runReady();
-        Log::observe(nullptr);
     }
 
     void make(ScreenStreamer::Settings settings)
@@ -83,6 +77,7 @@ struct ScreenStreamerTest : testing::Test {
     }
     const FakeCompression::Encode& lastEncode() { return compression.lastSession().encodes.back(); }
 
+    const LogLines log{"capture"};
     ManualQueues queues;
     QueueRef queue = queues.makeQueue("capture");
     FakeDisplayCapture capture;
@@ -93,7 +88,6 @@ struct ScreenStreamerTest : testing::Test {
     std::vector<EncodedFrame> frames;
     std::vector<message::DisplayInfo> infos;
     std::vector<std::string> errors;
-    std::vector<std::string> lines;
 };
 
 TEST_F(ScreenStreamerTest, countsADisplayWithoutModeAsTwoPixelsAPoint)
@@ -114,7 +108,7 @@ TEST_F(ScreenStreamerTest, looksADisplayUpTwentyFiveTimes)
     ASSERT_TRUE(started);
     EXPECT_TRUE(*started);
     EXPECT_EQ(capture.lookups, 25);
-    EXPECT_THAT(lines, Contains("display 7 not shareable yet (attempt 24)"));
+    EXPECT_THAT(log.lines, Contains("display 7 not shareable yet (attempt 24)"));
 
     capture.lookups = 0;
     capture.displaysFromLookup = 26;
@@ -178,7 +172,7 @@ TEST_F(ScreenStreamerTest, keepsTheOldConfigurationWhenAnUpdateFails)
     startAndFeed();
     capture.updateFailure = PlatformError{"not now"};
     act([&] { streamer->update(0.5); });
-    EXPECT_THAT(lines, Contains("updateConfiguration failed: not now"));
+    EXPECT_THAT(log.lines, Contains("updateConfiguration failed: not now"));
     EXPECT_EQ(infos.size(), 1U);
     act([&] { capture.stream->feed(); });
     EXPECT_EQ(frames.size(), 2U);
@@ -244,7 +238,7 @@ TEST_F(ScreenStreamerTest, encodesStillsLikeAnyPicture)
 
     capture.stillFailure = PlatformError{"dark"};
     act([&] { streamer->captureStill(); });
-    EXPECT_THAT(lines, Contains("still capture failed: dark"));
+    EXPECT_THAT(log.lines, Contains("still capture failed: dark"));
     EXPECT_EQ(frames.size(), 3U);
 }
 
@@ -270,23 +264,6 @@ TEST_F(ScreenStreamerTest, doesNothingOnceStopped)
     queues.advance(10s);
     EXPECT_EQ(frames.size(), 1U);
     EXPECT_TRUE(errors.empty());
-}
-
-TEST_F(ScreenStreamerTest, mayGoAtAnyMoment)
-{
-    capture.displaysFromLookup = 3;
-    beginStart();
-    streamer.reset(); // while looking up
-    queues.advance(10s);
-    EXPECT_FALSE(started);
-    EXPECT_EQ(capture.streamsMade, 0);
-
-    capture.displaysFromLookup = 0;
-    make({.displayID = 7, .viewport = {}});
-    streamer->onFrame = [this](EncodedFrame) { streamer.reset(); }; // from within a callback
-    beginStart();
-    act([&] { capture.stream->feed(); });
-    EXPECT_EQ(capture.stream, nullptr);
 }
 
 } // namespace

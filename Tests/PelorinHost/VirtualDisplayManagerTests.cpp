@@ -1,6 +1,7 @@
 #include "PelorinHost/Screen/VirtualDisplayManager.h"
 #include "PelorinNet/Queue/ManualQueues.h"
 #include "Tests/Fakes/FakeDisplays.h"
+#include "Tests/PelorinHost/LogLines.h"
 
 #include <gmock/gmock.h>
 
@@ -18,20 +19,12 @@ const Bytes first{1};
 const Bytes second{2};
 
 struct VirtualDisplayManagerTest : testing::Test {
+    LogLines log{"display"};
     FakeDisplays displays;
     ManualQueues queues;
     std::optional<VirtualDisplayManager> manager{
         std::in_place, displays, queues.makeQueue("dev.pelorin.host.display")};
-    std::vector<std::string> lines;
     std::vector<std::optional<std::uint32_t>> answers;
-
-    VirtualDisplayManagerTest()
-    {
-        Log::observe([this](LogLevel, std::string_view category, std::string_view text) {
-            if (category == "display") lines.emplace_back(text);
-        });
-    }
-    ~VirtualDisplayManagerTest() override { Log::observe({}); }
 
     void ask(PointSize size, const Bytes& owner = first)
     {
@@ -74,20 +67,20 @@ TEST_F(VirtualDisplayManagerTest, makesMirrorsReusesAndRemoves)
     EXPECT_EQ(displays.descriptor.name, "Pelorin");
     EXPECT_EQ(displays.descriptor.vendorID, 53456u);
     EXPECT_THAT(displays.mirrorings, ElementsAre(ElementsAre(7)));
-    EXPECT_THAT(lines, ElementsAre("virtual display 101 at 390x844 pt"));
+    EXPECT_THAT(log.lines, ElementsAre("virtual display 101 at 390x844 pt"));
 
     ask(upright, second);
     EXPECT_THAT(answers, ElementsAre(101, 101));
     EXPECT_EQ(displays.creations, 1);
     EXPECT_EQ(displays.sizes.size(), 1u);
 
-    lines.clear();
+    log.lines.clear();
     manager->release(first); // whose display it is no more
     EXPECT_EQ(displays.virtualID, 101u);
     manager->release(second);
     EXPECT_EQ(displays.virtualID, 0u);
     EXPECT_EQ(displays.restorations, 1);
-    EXPECT_THAT(lines, ElementsAre("virtual display removed, display arrangement restored"));
+    EXPECT_THAT(log.lines, ElementsAre("virtual display removed, display arrangement restored"));
     manager->release(second);
     EXPECT_EQ(displays.restorations, 1);
 }
@@ -97,7 +90,7 @@ TEST_F(VirtualDisplayManagerTest, triesEightTimesToMakeOne)
     for (const int refusals : {1, 7, 8, 20}) {
         displays = {};
         answers.clear();
-        lines.clear();
+        log.lines.clear();
         displays.refusedCreations = refusals;
         ask(upright);
         for (int i = 1; i <= std::min(refusals, 7); ++i) {
@@ -109,8 +102,8 @@ TEST_F(VirtualDisplayManagerTest, triesEightTimesToMakeOne)
         ASSERT_EQ(answers.size(), 1u) << refusals;
         EXPECT_EQ(answers[0].has_value(), refusals < 8);
         EXPECT_EQ(displays.creations, std::min(refusals + 1, 8));
-        EXPECT_EQ(lines[0], "virtual display not created (attempt 1); displays may still be waking");
-        EXPECT_EQ(std::ranges::count(lines, "could not create virtual display"), refusals < 8 ? 0 : 1);
+        EXPECT_EQ(log.lines[0], "virtual display not created (attempt 1); displays may still be waking");
+        EXPECT_EQ(std::ranges::count(log.lines, "could not create virtual display"), refusals < 8 ? 0 : 1);
         queues.advance(10s);
         EXPECT_EQ(answers.size(), 1u);
         manager->release(first);
@@ -123,22 +116,22 @@ TEST_F(VirtualDisplayManagerTest, triesSixTimesToMirrorAndKeepsAnExtraScreenOthe
     ask(upright);
     queues.advance(1250ms);
     EXPECT_THAT(answers, ElementsAre(101));
-    EXPECT_THAT(lines,
+    EXPECT_THAT(log.lines,
         ElementsAre("mirroring attempt 1 failed: 1004", "mirroring attempt 2 failed: 1004",
             "mirroring attempt 3 failed: 1004", "mirroring attempt 4 failed: 1004",
             "mirroring attempt 5 failed: 1004", "virtual display 101 at 390x844 pt"));
     manager->release(first);
     EXPECT_EQ(displays.restorations, 1);
 
-    lines.clear();
+    log.lines.clear();
     displays.listsVirtual = false;
     ask(upright);
     queues.advance(1249ms);
     EXPECT_EQ(answers.size(), 1u);
     queues.advance(1ms);
     EXPECT_THAT(answers, ElementsAre(101, 102));
-    EXPECT_EQ(lines[5], "mirroring attempt 6 failed: 1000");
-    EXPECT_EQ(lines[6], "could not mirror physical displays; the virtual display stays an extra screen");
+    EXPECT_EQ(log.lines[5], "mirroring attempt 6 failed: 1000");
+    EXPECT_EQ(log.lines[6], "could not mirror physical displays; the virtual display stays an extra screen");
     manager->release(first);
     EXPECT_EQ(displays.restorations, 1) << "nothing was mirrored";
 }

@@ -24,43 +24,44 @@ auto on(SerialQueue& queue, Work work)
     return result.get();
 }
 
-std::string paste(const lab::XServer& server, const std::string& target)
-{
-    return server.run({"xclip", "-selection", "clipboard", "-out", "-target", target});
-}
+// A pasteboard on a thread of its own, as applications find it.
+struct X11PasteboardTest : testing::Test {
+    lab::XServer server;
+    QueuePool pool{2};
+    const QueueRef queue = pool.makeQueue("test");
+    std::unique_ptr<X11Pasteboard> pasteboard = std::make_unique<X11Pasteboard>(queue, server.display());
 
-TEST(X11Pasteboard, handsItsTextToApplicationsInWhatTheyAskFor)
-{
-    const lab::XServer server;
-    QueuePool pool(2);
-    const auto queue = pool.makeQueue("test");
-    auto pasteboard = std::make_unique<X11Pasteboard>(queue, server.display());
+    ~X11PasteboardTest() override
+    {
+        on(*queue, [&] { return pasteboard.reset(), true; });
+    }
+    bool setText(const std::string& text)
+    {
+        return on(*queue, [&] { return pasteboard->setText(text); });
+    }
+    std::string paste(const std::string& target = "UTF8_STRING") const
+    {
+        return server.run({"xclip", "-selection", "clipboard", "-out", "-target", target});
+    }
+};
 
+TEST_F(X11PasteboardTest, handsItsTextToApplicationsInWhatTheyAskFor)
+{
     const std::string text = "déjà 你好\n🙂";
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText(text); }));
-    EXPECT_EQ(paste(server, "UTF8_STRING"), text);
-    EXPECT_EQ(paste(server, "text/plain;charset=utf-8"), text);
-    EXPECT_NE(paste(server, "TARGETS").find("UTF8_STRING"), std::string::npos);
-    EXPECT_EQ(paste(server, "STRING"), "d\xE9j\xE0 ??\n?");
-
-    std::string large; // many pieces
-    while (large.size() < 300'000) large += "line " + std::to_string(large.size()) + "\n";
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText(large); }));
-    EXPECT_EQ(paste(server, "UTF8_STRING"), large);
+    ASSERT_TRUE(setText(text));
+    EXPECT_EQ(paste(), text);
+    EXPECT_EQ(paste("text/plain;charset=utf-8"), text);
+    EXPECT_NE(paste("TARGETS").find("UTF8_STRING"), std::string::npos);
+    EXPECT_EQ(paste("STRING"), "d\xE9j\xE0 ??\n?");
 
     const auto other = server.launch({"sh", "-c", "echo -n other | xclip -selection clipboard -in -quiet"});
-    while (paste(server, "UTF8_STRING") == large) {}
-    EXPECT_EQ(paste(server, "UTF8_STRING"), "other");
-    on(*queue, [&] { return pasteboard.reset(), true; });
+    while (paste() == text) {}
+    EXPECT_EQ(paste(), "other");
 }
 
-TEST(X11Pasteboard, answersForSeveralTargetsAtOnce)
+TEST_F(X11PasteboardTest, answersForSeveralTargetsAtOnce)
 {
-    const lab::XServer server;
-    QueuePool pool(2);
-    const auto queue = pool.makeQueue("test");
-    auto pasteboard = std::make_unique<X11Pasteboard>(queue, server.display());
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText("both"); }));
+    ASSERT_TRUE(setText("both"));
 
     auto client = X11Connection::open(server.display());
     ASSERT_TRUE(client);
@@ -98,37 +99,22 @@ TEST(X11Pasteboard, answersForSeveralTargetsAtOnce)
         EXPECT_EQ(std::string(static_cast<const char*>(xcb_get_property_value(text.get())), 4), "both");
     }
     for (const int i : {3, 5}) EXPECT_EQ(got[i], XCB_ATOM_NONE) << "neither a picture nor a list in a list";
-    on(*queue, [&] { return pasteboard.reset(), true; });
 }
 
-TEST(X11Pasteboard, waitsForNoServerThatIsStopped)
+TEST_F(X11PasteboardTest, waitsForNoServerThatIsStoppedAndFindsTheNextOne)
 {
-    lab::XServer server;
-    QueuePool pool(2);
-    const auto queue = pool.makeQueue("test");
-    auto pasteboard = std::make_unique<X11Pasteboard>(queue, server.display());
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText("before"); }));
+    ASSERT_TRUE(setText("before"));
     server.pause();
-    EXPECT_FALSE(on(*queue, [&] { return pasteboard->setText("stuck"); })); // returns, which is the test
+    EXPECT_FALSE(setText("stuck")); // returns, which is the test
     server.resume();
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText("after"); }));
-    EXPECT_EQ(paste(server, "UTF8_STRING"), "after");
-    on(*queue, [&] { return pasteboard.reset(), true; });
-}
+    ASSERT_TRUE(setText("after"));
+    EXPECT_EQ(paste(), "after");
 
-TEST(X11Pasteboard, findsTheServerAgainAfterItsDeath)
-{
-    lab::XServer server;
-    QueuePool pool(2);
-    const auto queue = pool.makeQueue("test");
-    auto pasteboard = std::make_unique<X11Pasteboard>(queue, server.display());
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText("before"); }));
     server.kill();
-    EXPECT_FALSE(on(*queue, [&] { return pasteboard->setText("lost") || pasteboard->setText("lost"); }));
+    EXPECT_FALSE(setText("lost") || setText("lost"));
     server.restart();
-    ASSERT_TRUE(on(*queue, [&] { return pasteboard->setText("after"); }));
-    EXPECT_EQ(paste(server, "UTF8_STRING"), "after");
-    on(*queue, [&] { return pasteboard.reset(), true; });
+    ASSERT_TRUE(setText("later"));
+    EXPECT_EQ(paste(), "later");
 }
 
 std::string ofSize(std::size_t bytes, std::string_view unit)

@@ -150,36 +150,6 @@ TEST_F(XtestEventPostingTest, dropsWhatIsMoreThanAPhoneCouldMean)
     EXPECT_FALSE(window.isKeyDown(38));
 }
 
-TEST_F(XtestEventPostingTest, goesOnWithTheNextServerAfterACrash)
-{
-    lab::XServer mortal;
-    XtestEventPosting survivor(queue, mortal.display());
-    std::vector<std::string> lines;
-    Log::observe([&](LogLevel, auto, std::string_view text) { lines.emplace_back(text); });
-
-    survivor.postKey(MacKey::shift, true, shift, true);
-    mortal.kill();
-    ASSERT_TRUE(lab::eventually([&] {
-        time.runReady();
-        return !lines.empty();
-    }));
-    for (int i = 0; i < 100; ++i) survivor.postPointer(PointerEventType::moved, {1.0 * i, 1}, 0, 0);
-    survivor.postUnicode(u"gone");
-    EXPECT_EQ(survivor.cursorLocation(), std::nullopt);
-    EXPECT_THAT(lines, ElementsAre("the X server is gone; input is skipped until it is back"));
-
-    mortal.restart();
-    lab::InputWindow next(mortal.display());
-    survivor.postPointer(PointerEventType::moved, {1, 1}, 0, 0); // too soon to try again
-    time.advance(1s);
-    survivor.postPointer(PointerEventType::moved, {2, 2}, 0, 0);
-    survivor.postKey(MacKey::a, true, none, false);
-    survivor.postKey(MacKey::a, false, none, false);
-    EXPECT_THAT(next.eventsUntil("key 38 up"), ElementsAre("motion 2,2", "key 38 down", "key 38 up"));
-    EXPECT_EQ(lines.back(), "the X server is back and takes input");
-    Log::observe({});
-}
-
 TEST_F(XtestEventPostingTest, neitherBlocksNorLosesAReleaseWhenTheServerStops)
 {
     lab::XServer stopped;
