@@ -1,7 +1,7 @@
 #include "PelorinHost/Linux/AccessUnit.h"
 #include "PelorinHost/Linux/FfmpegSession.h"
 #include "PelorinHost/Linux/LinuxCompression.h"
-#include "Tests/Lab/VideoDecoder.h"
+#include "Tests/PelorinHost/EncodedStream.h"
 
 #include <gmock/gmock.h>
 
@@ -10,7 +10,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace compressionProperty;
-using namespace lab;
 using testing::ElementsAre;
 using enum EncoderMode;
 
@@ -89,98 +88,78 @@ TEST(FfmpegCompression, takesOnlyEncodersThatPassTheirTrial)
     EXPECT_FALSE(compression.createSession({VideoCodec::hevc, 321, 200, lowLatency, 1}).session);
 }
 
-// The keyframes (by their number) and the pictures of a session fed one by one.
-class Feed {
-public:
+// A stream and the numbers of its keyframes.
+struct Feed : EncodedStream {
     explicit Feed(const FfmpegEncoder& encoder)
-        : picture(320, 200),
-          session(FfmpegSession::open(encoder, {encoder.codec, 320, 200})),
-          codec(encoder.codec),
-          decoder(encoder.codec)
+        : EncodedStream(
+              encoder.codec, FfmpegSession::open(encoder, {encoder.codec, 320, 200}), 320, 200, 2'000'000)
     {
-        session->setProperty(AverageBitRate{2'000'000});
-        session->prepareToEncodeFrames();
     }
 
-    void encode(int pictures, bool forceFirst = false)
+    void feed(int pictures, bool forceFirst = false)
     {
         for (int i = 0; i < pictures; ++i, ++count) {
             picture.drawWaves({0, 0, 160, 100}, count);
-            const auto status = session->encode(picture.next(), SteadyTime(1h + 20ms * count),
-                forceFirst && i == 0, [&](CompressionStatus outcome, const CompressedSample& sample) {
-                    EXPECT_EQ(outcome, 0);
-                    if (!sample.isNotSync) keyframes.push_back(count);
-                    const auto units = nalUnits(sample.data);
-                    ASSERT_TRUE(units);
-                    for (const ByteView unit : *units) EXPECT_TRUE(isSlice(codec, unit));
-                    const auto decoded = decoder.decode(sample);
-                    ASSERT_TRUE(decoded);
-                    EXPECT_GT(decoded->psnr(picture, picture.whole()), 25);
-                });
-            EXPECT_EQ(status, 0);
+            encodeNext(forceFirst && i == 0);
+            if (!sample.isNotSync) keyframes.push_back(count);
+            EXPECT_GT(psnr(), 25);
         }
     }
 
-    SyntheticPicture picture;
-    std::unique_ptr<FfmpegSession> session;
     std::vector<int> keyframes;
-
-private:
-    VideoCodec codec;
-    VideoDecoder decoder;
     int count = 0;
 };
 
 TEST(FfmpegSession, opensAnewForARateThatIsWorthAKeyframeAndWaitsWithOthers)
 {
-    Feed feed(x265Encoder());
-    const auto ask = [&](int bitsPerSecond) { feed.session->setProperty(AverageBitRate{bitsPerSecond}); };
-    feed.encode(3);
+    Feed stream(x265Encoder());
+    const auto ask = [&](int bitsPerSecond) { stream.session->setProperty(AverageBitRate{bitsPerSecond}); };
+    stream.feed(3);
     ask(2'300'000);
-    feed.encode(3);
+    stream.feed(3);
     ask(1'950'000);
-    feed.encode(3);
-    EXPECT_THAT(feed.keyframes, ElementsAre(0)) << "small steps wait";
+    stream.feed(3);
+    EXPECT_THAT(stream.keyframes, ElementsAre(0)) << "small steps wait";
     ask(1'400'000);
-    feed.encode(3);
-    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9)) << "a cut is followed";
+    stream.feed(3);
+    EXPECT_THAT(stream.keyframes, ElementsAre(0, 9)) << "a cut is followed";
     ask(1'600'000);
-    feed.encode(3);
+    stream.feed(3);
     ask(1'850'000);
-    feed.encode(3);
-    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9, 15)) << "rises add up";
-    feed.encode(3, true);
-    EXPECT_THAT(feed.keyframes, ElementsAre(0, 9, 15, 18));
+    stream.feed(3);
+    EXPECT_THAT(stream.keyframes, ElementsAre(0, 9, 15)) << "rises add up";
+    stream.feed(3, true);
+    EXPECT_THAT(stream.keyframes, ElementsAre(0, 9, 15, 18));
 }
 
 TEST(FfmpegSession, packsAnnexBAndTakesARateLive)
 {
-    Feed feed(annexBEncoder("zerolatency"));
-    feed.encode(3);
-    feed.session->setProperty(AverageBitRate{1'000'000});
-    feed.encode(3);
-    feed.encode(3, true);
-    EXPECT_THAT(feed.keyframes, ElementsAre(0, 6));
+    Feed stream(annexBEncoder("zerolatency"));
+    stream.feed(3);
+    stream.session->setProperty(AverageBitRate{1'000'000});
+    stream.feed(3);
+    stream.feed(3, true);
+    EXPECT_THAT(stream.keyframes, ElementsAre(0, 6));
 }
 
 TEST(FfmpegSession, givesOutWhatItHeldBackWhenCompletedAndGoesOnAfterwards)
 {
-    Feed feed(annexBEncoder("film"));
+    Feed stream(annexBEncoder("film"));
     int received = 0;
     const auto encode = [&](int pictures) {
         for (int i = 0; i < pictures; ++i)
-            feed.session->encode(feed.picture.next(), SteadyTime(1h + 20ms * i), false,
+            stream.session->encode(stream.picture.next(), SteadyTime(1h + 20ms * i), false,
                 [&](CompressionStatus, const CompressedSample&) { ++received; });
     };
     encode(5);
     EXPECT_LT(received, 5);
-    feed.session->completeFrames();
+    stream.session->completeFrames();
     EXPECT_EQ(received, 5);
     encode(2);
-    feed.session->completeFrames();
+    stream.session->completeFrames();
     EXPECT_EQ(received, 7);
     encode(2);
-    feed.session.reset();
+    stream.session.reset();
     EXPECT_EQ(received, 7);
 }
 

@@ -543,25 +543,6 @@ TEST_F(SessionTest, fallsBackToTheMainDisplayWhenThereCanBeNoOther)
     EXPECT_THAT(lines.back(), HasSubstr("镜像主屏（虚拟屏创建失败） · "));
 }
 
-TEST_F(SessionTest, keepsWhatTheLatestSessionsPhoneAskedFor)
-{
-    makeDisplays();
-    open();
-    helloAsPhone();
-    auto first = std::move(session);
-    auto firstPhone = std::move(phone);
-    pair = LoopbackPair::make({});
-    open();
-    helloAsPhone();
-    first->end(SessionEnd::replaced());
-    queues.runReady();
-    EXPECT_EQ(platform.arrangement.virtualID, 101u);
-    EXPECT_EQ(platform.arrangement.restorations, 0);
-    session.reset();
-    queues.runReady();
-    EXPECT_EQ(platform.arrangement.virtualID, 0u);
-}
-
 // While the display is being made, everything else a phone may send comes in already.
 TEST_F(SessionTest, waitsForItsDisplayWithoutAStream)
 {

@@ -90,14 +90,6 @@ struct ScreenStreamerTest : testing::Test {
     std::vector<std::string> errors;
 };
 
-TEST_F(ScreenStreamerTest, countsADisplayWithoutModeAsTwoPixelsAPoint)
-{
-    capture.displays[0] = {.id = 7, .name = "modeless", .bounds = {0, 0, 800, 500}};
-    make({.displayID = 7, .viewport = {}});
-    beginStart();
-    EXPECT_THAT(infos, ElementsAre(message::DisplayInfo{1600, 1000, 800, 500}));
-}
-
 TEST_F(ScreenStreamerTest, looksADisplayUpTwentyFiveTimes)
 {
     capture.displaysFromLookup = 25;

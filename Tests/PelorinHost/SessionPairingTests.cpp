@@ -27,13 +27,12 @@ struct SessionPairing : testing::Test {
     std::unique_ptr<HostSession> session;
     std::string closing; // the reason of the last session's end
 
-    void open(const std::string& identity, bool hasFailedHandshake = false)
+    void open(const std::string& identity)
     {
         auto pair = LoopbackPair::make({});
         phone = std::make_unique<FakePhone>(std::move(pair.second), queues.makeQueue("phone"));
         session = std::make_unique<HostSession>(SessionSurroundings{platform, queues, store, std::nullopt},
-            HostConfig(),
-            std::make_unique<fakes::ProvenChannel>(std::move(pair.first), identity, hasFailedHandshake),
+            HostConfig(), std::make_unique<fakes::ProvenChannel>(std::move(pair.first), identity),
             "me@example.com", queues.makeQueue("dev.pelorin.host.session"));
         closing.clear();
         session->onClose = [this](HostSession&, const std::optional<std::string>& reason) {
@@ -122,27 +121,6 @@ TEST_F(SessionPairing, showsNothingOfTheDesktopOnAPairingChannel)
     EXPECT_EQ(platform.capture.stream, nullptr);
     say(message::PairRequest{offer.key.identity, "phone"});
     EXPECT_THAT(store.devices(), IsEmpty()) << "the session is over";
-}
-
-TEST_F(SessionPairing, streamsToAPairedPhone)
-{
-    const auto device = store.redeem(store.beginPairing().key.identity, "phone");
-    open(device->id);
-    EXPECT_EQ(session->peerIdentity(), device->id);
-    phone->hello();
-    queues.runReady();
-    EXPECT_TRUE(session->saidHello);
-    EXPECT_NE(platform.capture.stream, nullptr);
-}
-
-TEST_F(SessionPairing, saysWhetherTheHandshakeFailed)
-{
-    for (const bool hasFailed : {false, true}) {
-        open("", hasFailed);
-        phone->hangUp();
-        queues.runReady();
-        EXPECT_EQ(session->tlsFailed, hasFailed);
-    }
 }
 
 } // namespace

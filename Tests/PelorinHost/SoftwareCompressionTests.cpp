@@ -1,7 +1,7 @@
 #include "PelorinHost/Linux/FfmpegSession.h"
 #include "PelorinHost/Linux/X264Compression.h"
 
-#include "Tests/Lab/VideoDecoder.h"
+#include "Tests/PelorinHost/EncodedStream.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -12,16 +12,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace compressionProperty;
-using namespace lab;
 
 constexpr int frameRate = 60;
-constexpr Duration frameTime = std::chrono::duration_cast<Duration>(1s) / frameRate;
-
-void setRate(CompressionSession& session, int bitsPerSecond)
-{
-    EXPECT_EQ(session.setProperty(AverageBitRate{bitsPerSecond}), 0);
-    EXPECT_EQ(session.setProperty(DataRateLimits{bitsPerSecond / 16 * 3, 1}), 0);
-}
 
 std::unique_ptr<CompressionSession> makeSession(VideoCodec codec, int widthPx, int heightPx)
 {
@@ -30,77 +22,11 @@ std::unique_ptr<CompressionSession> makeSession(VideoCodec codec, int widthPx, i
     return X264Compression().createSession(request).session;
 }
 
-// A session as VideoEncoder sets one up, with the phone's decoder behind it.
-class Stream {
-public:
-    Stream(VideoCodec newCodec, int widthPx, int heightPx, int bitsPerSecond)
-        : picture(widthPx, heightPx),
-          codec(newCodec),
-          decoder(newCodec)
+struct Stream : EncodedStream {
+    Stream(VideoCodec codec, int widthPx, int heightPx, int bitsPerSecond)
+        : EncodedStream(codec, makeSession(codec, widthPx, heightPx), widthPx, heightPx, bitsPerSecond)
     {
-        session = makeSession(codec, widthPx, heightPx);
-        session->setProperty(Profile{codec == VideoCodec::hevc ? ProfileLevel::hevcMainAutoLevel
-                                                               : ProfileLevel::h264ConstrainedHighAutoLevel});
-        session->setProperty(MaxKeyFrameInterval{3600});
-        setRate(*session, bitsPerSecond);
-        EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     }
-
-    // Encodes, checks the access unit's form, decodes.
-    void encode(const PixelBuffer& buffer, bool forceKeyframe = false)
-    {
-        bool isOut = false;
-        const auto status = session->encode(
-            buffer, now, forceKeyframe, [&](CompressionStatus outcome, CompressedSample output) {
-                EXPECT_EQ(outcome, 0);
-                sample = std::move(output);
-                isOut = true;
-            });
-        ASSERT_EQ(status, 0);
-        ASSERT_TRUE(isOut) << "an access unit comes out within its own encode";
-        checkForm();
-        now += pace;
-        auto out = decoder.decode(sample);
-        ASSERT_TRUE(out);
-        decoded = std::move(*out);
-    }
-    void encodeNext(bool forceKeyframe = false) { encode(picture.next(), forceKeyframe); }
-
-    double psnr(const PixelRect& rect) const { return decoded.psnr(picture, rect); }
-    double psnr() const { return psnr(picture.whole()); }
-
-    SyntheticPicture picture;
-    CompressedSample sample;
-    DecodedPicture decoded;
-    std::unique_ptr<CompressionSession> session;
-    Duration pace = frameTime; // from picture to picture
-
-private:
-    void checkForm() const
-    {
-        EXPECT_TRUE(sample.isDataReady);
-        EXPECT_EQ(sample.nalLengthSize, 4);
-        EXPECT_EQ(sample.presentationTime, now);
-        EXPECT_EQ(sample.parameterSets.size(), sample.isNotSync ? 0U : codec == VideoCodec::hevc ? 3U : 2U);
-        const auto units = nalUnits(sample.data);
-        ASSERT_TRUE(units && !units->empty());
-        for (const ByteView unit : *units) {
-            EXPECT_TRUE(isSlice(codec, unit));
-            EXPECT_EQ(isInstantRefresh(unit), !sample.isNotSync);
-            EXPECT_FALSE(hasStartCode(unit));
-        }
-    }
-
-    bool isInstantRefresh(ByteView unit) const
-    {
-        if (codec == VideoCodec::h264) return (unit[0] & 0x1F) == 5;
-        const int type = unit[0] >> 1;
-        return type == 19 || type == 20;
-    }
-
-    VideoCodec codec;
-    VideoDecoder decoder;
-    SteadyTime now{1h};
 };
 
 class SoftwareCompression : public testing::TestWithParam<VideoCodec> {};
@@ -202,21 +128,6 @@ TEST(X264Compression, leavesNoStaleBlockWhereTheDamageWas)
         for (int x = 0; x < 1168; x += 16) EXPECT_GT(stream.psnr({x, y, 16, 10}), 30) << x << ", " << y;
 }
 
-TEST(X264Compression, trustsTheDamageOfTheNextPictureAlone)
-{
-    Stream stream(VideoCodec::h264, 640, 400, 20'000'000);
-    stream.encodeNext();
-    stream.picture.fill({320, 192, 64, 64}, 60, 90, 90);
-    const auto buffer = stream.picture.next();
-    auto lying = buffer;
-    lying.damage = {{0, 0, 16, 16}};
-    stream.encode(lying);
-    EXPECT_LT(stream.psnr({320, 192, 64, 64}), 15) << "undamaged macroblocks are not even looked at";
-    lying.sequence += 5;
-    stream.encode(lying);
-    EXPECT_GT(stream.psnr({320, 192, 64, 64}), 30) << "a gap in the numbers: everything may have changed";
-}
-
 TEST_P(SoftwareCompression, mendsAStillPictureAndThenHardlySendsAnything)
 {
     Stream stream(GetParam(), 640, 400, 3'000'000);
@@ -270,7 +181,7 @@ TEST(X264Compression, followsANewBitrateWithinASecondAndWithoutAKeyframe)
     secondsRate();
     EXPECT_NEAR(secondsRate(), 8e6, 1.6e6);
     for (const int rate : {2'000'000, 6'000'000}) {
-        setRate(*stream.session, rate);
+        stream.setRate(rate);
         secondsRate();
         EXPECT_NEAR(secondsRate(), rate, rate * 0.2);
     }
@@ -314,7 +225,7 @@ TEST_P(SoftwareCompression, takesPropertiesFromAnotherThreadWhileItEncodes)
     std::atomic<bool> isDone = false;
     std::jthread setter([&] {
         for (int i = 0; !isDone; ++i) {
-            setRate(*stream.session, 1'000'000 + i % 100 * 100'000);
+            stream.setRate(1'000'000 + i % 100 * 100'000);
             std::this_thread::yield();
         }
     });

@@ -156,20 +156,5 @@ TEST_F(VirtualDisplayManagerTest, letsALaterWishTakeTheEarliersPlace)
     EXPECT_THAT(answers, ElementsAre(std::nullopt, 103, std::nullopt, 103));
 }
 
-TEST_F(VirtualDisplayManagerTest, undoesEverythingWhenItGoes)
-{
-    ask(upright);
-    manager.reset();
-    EXPECT_EQ(displays.virtualID, 0u);
-    EXPECT_EQ(displays.restorations, 1);
-
-    manager.emplace(displays, queues.makeQueue("display"));
-    displays.refusedCreations = 100;
-    ask(upright);
-    manager.reset();
-    queues.advance(10s);
-    EXPECT_EQ(displays.creations, 2);
-}
-
 } // namespace
 } // namespace pelorin
