@@ -51,7 +51,6 @@ struct ScreenStreamerTest : testing::Test {
     void make(ScreenStreamer::Settings settings)
     {
         streamer = std::make_unique<ScreenStreamer>(capture, compression, queue, settings);
-        streamer->onFormat = [this](VideoCodec, std::vector<Bytes>) { ++formats; };
         streamer->onFrame = [this](EncodedFrame frame) { frames.push_back(std::move(frame)); };
         streamer->onDisplayInfo = [this](message::DisplayInfo info) { infos.push_back(info); };
         streamer->onError = [this](std::string reason) { errors.push_back(std::move(reason)); };
@@ -75,7 +74,6 @@ struct ScreenStreamerTest : testing::Test {
         action();
         queues.runReady();
     }
-    const FakeCompression::Encode& lastEncode() { return compression.lastSession().encodes.back(); }
 
     const LogLines log{"capture"};
     ManualQueues queues;
@@ -84,7 +82,6 @@ struct ScreenStreamerTest : testing::Test {
     FakeCompression compression;
     std::unique_ptr<ScreenStreamer> streamer;
     std::optional<Result<void, ScreenStreamerError>> started;
-    int formats = 0;
     std::vector<EncodedFrame> frames;
     std::vector<message::DisplayInfo> infos;
     std::vector<std::string> errors;
@@ -181,28 +178,6 @@ TEST_F(ScreenStreamerTest, takesUpdatesMadeWhileTheDisplayIsLookedUp)
     EXPECT_TRUE(capture.stream->updates.empty());
 }
 
-TEST_F(ScreenStreamerTest, encodesTheLastPictureAgainForAKeyframe)
-{
-    beginStart();
-    act([&] { streamer->requestKeyframe(); });
-    act([&] { streamer->repeatLastFrame(); });
-    EXPECT_TRUE(frames.empty()); // there is no picture yet
-
-    act([&] { capture.stream->feed(); });
-    queues.advance(50ms);
-    act([&] { streamer->requestKeyframe(); });
-    ASSERT_EQ(frames.size(), 2U);
-    EXPECT_TRUE(frames[1].isKeyframe);
-    EXPECT_EQ(frames[1].ptsMicros - frames[0].ptsMicros, 50'000U);
-    EXPECT_EQ(lastEncode().sequence, 1U);
-
-    queues.advance(50ms);
-    act([&] { streamer->repeatLastFrame(); });
-    ASSERT_EQ(frames.size(), 3U);
-    EXPECT_FALSE(frames[2].isKeyframe);
-    EXPECT_EQ(lastEncode().sequence, 1U);
-}
-
 TEST_F(ScreenStreamerTest, neverLetsTimeRunBackwards)
 {
     startAndFeed();
@@ -217,21 +192,6 @@ TEST_F(ScreenStreamerTest, neverLetsTimeRunBackwards)
     act([&] { waited->report(sample); });
     ASSERT_EQ(frames.size(), 3U);
     EXPECT_GT(frames[2].ptsMicros, frames[1].ptsMicros);
-}
-
-TEST_F(ScreenStreamerTest, encodesStillsLikeAnyPicture)
-{
-    startAndFeed();
-    act([&] { streamer->captureStill(); });
-    EXPECT_EQ(capture.stream->stills, 1);
-    EXPECT_EQ(lastEncode().sequence, 2U);
-    act([&] { streamer->repeatLastFrame(); });
-    EXPECT_EQ(lastEncode().sequence, 2U);
-
-    capture.stillFailure = PlatformError{"dark"};
-    act([&] { streamer->captureStill(); });
-    EXPECT_THAT(log.lines, Contains("still capture failed: dark"));
-    EXPECT_EQ(frames.size(), 3U);
 }
 
 TEST_F(ScreenStreamerTest, doesNothingOnceStopped)

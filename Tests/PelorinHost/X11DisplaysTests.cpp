@@ -121,34 +121,6 @@ struct X11DisplaysTest : testing::Test {
     }
 };
 
-TEST_F(X11DisplaysTest, givesTheDesktopThePhonesShapeAndPutsEverythingBack)
-{
-    const auto before = everything();
-    EXPECT_EQ(monitors(), "DUMMY1 1024x768+1280+100*;DUMMY0 1280x720+0+0;");
-    {
-        const auto phone = displays->createVirtualDisplay({});
-        ASSERT_TRUE(phone);
-        EXPECT_EQ(everything(), before) << "nothing changes before it has a size";
-        ASSERT_TRUE(phone->applySettings(upright));
-        EXPECT_TRUE(hasNote());
-        EXPECT_EQ(monitors(), "DUMMY1 1024x768+1280+100*;DUMMY0 1280x720+0+0;DUMMY2 390x844+2304+0;");
-        mirrorOnto(phone->displayID());
-        EXPECT_EQ(monitors(), "DUMMY2 390x844+0+0*;");
-        EXPECT_EQ(screenSize(), "390 x 844");
-
-        const auto id = phone->displayID();
-        ASSERT_TRUE(phone->applySettings(sideways));
-        EXPECT_EQ(phone->displayID(), id);
-        EXPECT_EQ(monitors(), "DUMMY2 844x390+0+0*;") << "the panels stay off in between";
-        mirrorOnto(id);
-        EXPECT_EQ(screenSize(), "844 x 390");
-    }
-    EXPECT_EQ(everything(), before);
-    EXPECT_FALSE(hasNote());
-    displays->restoreArrangement();
-    EXPECT_EQ(everything(), before);
-}
-
 TEST_F(X11DisplaysTest, mirrorsOnPanelsThatTakeTheSize)
 {
     addMode("DUMMY0", "tall", 390, 844);
