@@ -274,23 +274,18 @@ TEST_F(ClaudeMonitorTest, takesTheTitleFromTheTranscriptWhereverThatIs)
     EXPECT_EQ(task().title, "elsewhere");
 }
 
-TEST_F(ClaudeMonitorTest, readsLittleOfHugeTranscriptsAndSurvivesBrokenFolders)
+TEST_F(ClaudeMonitorTest, survivesBrokenFolders)
 {
-    addToTranscript({{"type", "user"}, {"message", {{"content", "at the very beginning"}}}});
-    const auto transcript
-        = root / "projects" / "-home-someone-src-pelorin-d" / (std::string(someID) + ".jsonl");
-    std::filesystem::resize_file(transcript, 100 << 20);
-    std::ofstream(transcript, std::ios::app) << "\n{\"type\": \"ai-title\", \"aiTitle\": \"half";
+    addToTranscript({{"type", "ai-title"}, {"aiTitle", "of before"}});
     writeStatus("busy");
     begin();
-    EXPECT_EQ(task().title, "at the very beginning");
-    std::ofstream(transcript, std::ios::app) << " written\"}\n";
-    writeStatus("busy");
-    EXPECT_EQ(task().title, "half written");
+    EXPECT_EQ(task().title, "of before");
+    const auto transcript
+        = root / "projects" / "-home-someone-src-pelorin-d" / (std::string(someID) + ".jsonl");
     std::filesystem::remove(transcript);
     std::filesystem::create_symlink(transcript, transcript);
     writeStatus("busy");
-    EXPECT_EQ(task().title, "half written") << "as last known";
+    EXPECT_EQ(task().title, "of before") << "as last known";
 
     std::filesystem::remove_all(root);
     EXPECT_EQ(phase(), "");
