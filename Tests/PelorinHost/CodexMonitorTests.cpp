@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::UnorderedElementsAre;
 
 constexpr const char* someID = "0199aa11-2222-7333-8444-555566667777";

@@ -1,6 +1,6 @@
 #include "PelorinHost/Linux/AccessUnit.h"
+#include "PelorinHost/Linux/FfmpegCompression.h"
 #include "PelorinHost/Linux/FfmpegSession.h"
-#include "PelorinHost/Linux/LinuxCompression.h"
 #include "Tests/PelorinHost/EncodedStream.h"
 
 #include <gmock/gmock.h>

@@ -17,7 +17,6 @@ using nlohmann::json;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 // A host in no tailnet whose rendezvous service is played by the test.

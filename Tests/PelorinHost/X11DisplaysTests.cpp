@@ -9,7 +9,6 @@
 namespace pelorin {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 const GammaTable black{{0, 0}, {0, 0}, {0, 0}};

@@ -7,7 +7,6 @@
 #include "Tests/Lab/XServer.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <future>
 #include <gtest/gtest.h>
 

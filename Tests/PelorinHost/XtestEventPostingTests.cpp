@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace keyModifier;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct XtestEventPostingTest : testing::Test {
     static void SetUpTestSuite() { server = std::make_unique<lab::XServer>(); }
