@@ -46,7 +46,7 @@ std::string line(const json& object)
 
 HostController::HostController(SessionSurroundings newSurroundings, HostServer::Listen newListen,
     Places newPlaces, QueueRef newQueue, RendezvousSocketMaker newMakeSocket)
-    : surroundings(newSurroundings),
+    : surroundings(std::move(newSurroundings)),
       listen(std::move(newListen)),
       places(std::move(newPlaces)),
       queue(std::move(newQueue)),

@@ -56,7 +56,7 @@ struct HostServer::Reporter {
 
 HostServer::HostServer(SessionSurroundings newSurroundings, HostConfig newConfig, Listen newListen,
     QueueRef newQueue, std::optional<RemoteEntrance::Means> newRemote)
-    : surroundings(newSurroundings),
+    : surroundings(std::move(newSurroundings)),
       config(std::move(newConfig)),
       listen(std::move(newListen)),
       queue(std::move(newQueue)),

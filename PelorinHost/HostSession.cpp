@@ -88,7 +88,7 @@ HostSession::HostSession(SessionSurroundings newSurroundings, HostConfig newConf
     std::unique_ptr<Channel> newConnection, std::string newPeer, QueueRef newQueue)
     : peer(std::move(newPeer)),
       peerAddress(newConnection->remoteAddress()),
-      surroundings(newSurroundings),
+      surroundings(std::move(newSurroundings)),
       config(std::move(newConfig)),
       connection(std::move(newConnection)),
       queue(std::move(newQueue)),

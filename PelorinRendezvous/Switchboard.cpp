@@ -120,7 +120,7 @@ void Switchboard::tryToRegister(ConnectionID connection, Peer& peer, std::string
         return refuseRegistration(connection, CloseCode::ruleBroken, "the signature is not that of the key");
     if (!admission.mayRegisterAs(*hostID, queue->now()))
         return refuseRegistration(connection, CloseCode::tryAgainLater, "too many registrations");
-    registerHost(connection, peer, std::move(*hostID));
+    registerHost(connection, peer, *hostID);
 }
 
 void Switchboard::refuseRegistration(ConnectionID connection, CloseCode code, std::string_view reason)
@@ -130,7 +130,7 @@ void Switchboard::refuseRegistration(ConnectionID connection, CloseCode code, st
     dismiss(connection, code, reason);
 }
 
-void Switchboard::registerHost(ConnectionID connection, Peer& peer, std::string hostID)
+void Switchboard::registerHost(ConnectionID connection, Peer& peer, const std::string& hostID)
 {
     if (const auto older = hosts.find(hostID); older != hosts.end())
         dismiss(older->second.connection, CloseCode::inOrder, "replaced");
@@ -141,7 +141,7 @@ void Switchboard::registerHost(ConnectionID connection, Peer& peer, std::string 
     peer.source.reset();
     peer.hostID = hostID;
     peer.since = queue->now();
-    hosts.insert({std::move(hostID), {connection, {}, 0}});
+    hosts.insert({hostID, {connection, {}, 0}});
     links.send(connection, ToPeer::registered());
     if (onRegistered) onRegistered(peer.hostID);
 }

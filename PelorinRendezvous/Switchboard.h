@@ -75,7 +75,7 @@ private:
 
     void tryToRegister(ConnectionID connection, Peer& peer, std::string_view text);
     void refuseRegistration(ConnectionID connection, WebSocket::CloseCode code, std::string_view reason);
-    void registerHost(ConnectionID connection, Peer& peer, std::string hostID);
+    void registerHost(ConnectionID connection, Peer& peer, const std::string& hostID);
 
     void hostSaid(ConnectionID connection, const Peer& peer, std::string_view text);
     void answered(const Peer& host, const PeerMessage::Accept& message);

@@ -262,6 +262,7 @@ xcb_atom_t X11Pasteboard::textTarget(const std::vector<xcb_atom_t>& offered) con
 Pasteboard::Types X11Pasteboard::namesOf(const std::vector<xcb_atom_t>& atoms)
 {
     std::vector<xcb_get_atom_name_cookie_t> asked;
+    asked.reserve(atoms.size());
     for (const auto atom : atoms) asked.push_back(xcb_get_atom_name(owner->connection.get(), atom));
     Types names;
     for (const auto& cookie : asked) {

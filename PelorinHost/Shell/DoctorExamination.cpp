@@ -86,7 +86,7 @@ using TailnetName = Result<std::optional<std::string>, std::string>;
 
 // On its queue, as what it asks must be.
 struct TailnetQuestion {
-    TailnetQuestion(System& system, const QueueRef& queue, std::function<void(TailnetName)> tell)
+    TailnetQuestion(System& system, const QueueRef& queue, const std::function<void(TailnetName)>& tell)
         : tool(system, queue)
     {
         asking = tool.ownDNSName([tell](Result<std::optional<std::string>, TailscaleCLIError> name) {
@@ -142,11 +142,12 @@ Service examineService(const std::filesystem::path& supportDirectory, const Host
 
     const QueueRef queue = pool.makeQueue("doctor");
     Confined<ServiceQuestion> question;
-    const auto answer = waitFor<ServiceQuestion::Answer>(servicePatience, [&](ServiceQuestion::Tell tell) {
-        question = Confined<ServiceQuestion>(queue, [&pool, queue, url = *url, tell] {
-            return std::make_unique<ServiceQuestion>(rendezvousSockets(pool)(queue, url), tell);
-        });
-    });
+    const auto answer
+        = waitFor<ServiceQuestion::Answer>(servicePatience, [&](const ServiceQuestion::Tell& tell) {
+              question = Confined<ServiceQuestion>(queue, [&pool, queue, url = *url, tell] {
+                  return std::make_unique<ServiceQuestion>(rendezvousSockets(pool)(queue, url), tell);
+              });
+          });
     if (!answer) return {settings.rendezvousURL + " does not answer", false, std::nullopt};
     if (answer->error)
         return {fmt::format("{}: {}", settings.rendezvousURL, *answer->error), false, std::nullopt};
@@ -160,7 +161,7 @@ Service examineService(const std::filesystem::path& supportDirectory, const Host
             });
     });
     service.network
-        = waitFor<NatProbe::Answer>(networkPatience, [&](std::function<void(NatProbe::Answer)> tell) {
+        = waitFor<NatProbe::Answer>(networkPatience, [&](const std::function<void(NatProbe::Answer)>& tell) {
               probe.run(
                   [servers = answer->servers, own, tell](NatProbe& asked) { asked.ask(servers, own, tell); });
           }).value_or(NatProbe::Answer());
@@ -171,7 +172,8 @@ TailnetName examineTailnet(System& system, QueuePool& pool)
 {
     Confined<TailnetQuestion> question;
     const QueueRef queue = pool.makeQueue("doctor");
-    return waitFor<TailnetName>(toolPatience, [&](std::function<void(TailnetName)> tell) {
+    return waitFor<TailnetName>(toolPatience, [&](const std::function<void(TailnetName)>& tell) {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): it ends on its queue
         question = Confined<TailnetQuestion>(
             queue, [&system, queue, tell] { return std::make_unique<TailnetQuestion>(system, queue, tell); });
     }).value_or(std::unexpected("the Tailscale tool does not answer"));
@@ -193,6 +195,7 @@ Facts examine(HostPlatform& platform, QueuePool& pool, const std::filesystem::pa
     // Those who may be long in answering are asked at the same time.
     const auto interfaces = platform.system().interfaceAddresses();
     std::vector<std::string> own;
+    own.reserve(interfaces.size());
     for (const auto& each : interfaces) own.push_back(each.address);
     std::future<TailnetName> tailnet;
     if (!facts.settings.allowLoopbackForTesting)

@@ -63,9 +63,9 @@ PathSetup::PathSetup(
 
 std::unique_ptr<PathSetup> PathSetup::onThisMachine(QueueRef pathQueue, PathServers servers)
 {
-    const auto lookUp = [](const PathServers::Server& server, QueueRef on,
+    const auto lookUp = [](const PathServers::Server& server, const QueueRef& on,
                             std::function<void(std::vector<SocketAddress>)> done) {
-        lookUpName(server, std::move(on), std::move(done));
+        lookUpName(server, on, std::move(done));
     };
     return std::make_unique<PathSetup>(
         std::move(pathQueue), std::move(servers), lookUp, Switches::fromEnvironment());
@@ -341,7 +341,7 @@ void PathSetup::punch()
         if (!isRelay(candidate)) targets.push_back(candidate);
     const bool isFirst = searches++ == 0;
     punchTimer = {};
-    puncher->start(std::move(targets), queue->now() + (isFirst ? searchTime : laterSearchTime),
+    puncher->start(targets, queue->now() + (isFirst ? searchTime : laterSearchTime),
         [this](const std::optional<Candidate>& peer) {
             if (peer) return punched(*peer);
             const Duration pause
@@ -389,7 +389,8 @@ void PathSetup::receiveRelayed(ByteView datagram, const DatagramProxy::Path& ove
 
 void PathSetup::chosen(const PathLink& link)
 {
-    const std::string label = link.label();
+    // A copy, as who hears of it may end us and the link.
+    const std::string label = link.label(); // NOLINT(performance-unnecessary-copy-initialization)
     if (completion) {
         deadline.cancel();
         log.info("path: {}", label);

@@ -43,7 +43,7 @@ auto HostAgent::Session::here(const Work& work)
 // The path
 
 void HostAgent::Session::open(
-    std::uint16_t listenerPort, std::function<void(Result<PathDescription, NetError>)> done)
+    std::uint16_t listenerPort, const std::function<void(Result<PathDescription, NetError>)>& done)
 {
     const auto opened = here([this, done](std::uint16_t newPort, const PathDescription& local) {
         port = newPort;
@@ -71,7 +71,7 @@ void HostAgent::Session::start(PathDescription remote, std::optional<TurnCredent
                           }),
         inbox};
     setup.run([remote = std::move(remote), turn = std::move(turn), pipe, ready](PathSetup& running) mutable {
-        running.start(std::move(remote), std::move(turn), std::move(pipe), ready);
+        running.start(std::move(remote), std::move(turn), pipe, ready);
     });
 }
 

@@ -57,7 +57,7 @@ public:
     std::function<void(std::optional<std::string> error)> onEnd; // at most once
 
     // Opens the sockets; done gets what the phone must know, or why there are none.
-    void open(std::uint16_t listenerPort, std::function<void(Result<PathDescription, NetError>)> done);
+    void open(std::uint16_t listenerPort, const std::function<void(Result<PathDescription, NetError>)>& done);
     void start(PathDescription remote, std::optional<TurnCredentials> turn);
     void renewCredentials(RendezvousSocketMaker makeSocket, std::string url); // as CredentialRenewal does
     void deliver(nlohmann::json data); // the phone's word

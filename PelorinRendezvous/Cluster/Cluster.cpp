@@ -83,6 +83,7 @@ void Cluster::lose()
     announcing.cancel();
     toAnnounce.clear();
     std::vector<ConnectionID> lost;
+    lost.reserve(std::max(phones.size(), guests.size()));
     for (const auto& [connection, phone] : phones) lost.push_back(connection);
     for (const ConnectionID connection : lost) tellLost(connection);
     lost.clear();
@@ -374,6 +375,7 @@ void Cluster::closeAll()
 {
     looking.cancel();
     std::vector<ConnectionID> all;
+    all.reserve(phones.size());
     for (const auto& [connection, phone] : phones) all.push_back(connection);
     for (const ConnectionID connection : all) drop(connection, CloseCode::goingAway, "the service ends");
 }

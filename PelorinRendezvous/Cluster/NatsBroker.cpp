@@ -67,6 +67,7 @@ private:
     natsStatus apply(const NatsBroker::Options& options)
     {
         std::vector<const char*> urls;
+        urls.reserve(options.urls.size());
         for (const std::string& url : options.urls) urls.push_back(url.c_str());
         const bool isSecure = std::ranges::any_of(
             options.urls, [](const std::string& url) { return url.starts_with("tls://"); });
@@ -284,7 +285,7 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         const natsStatus status = natsConnection_Connect(&connection, options);
         if (status != NATS_OK) complain(status);
         if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) return false;
-        kept.release(); // to onClosed
+        [[maybe_unused]] auto* const given = kept.release(); // to onClosed
         for (auto& [subject, handle] : subscriptions) listen(subject, handle);
         if (status == NATS_OK) report(true);
         return true;
@@ -331,7 +332,8 @@ struct NatsBroker::Link : std::enable_shared_from_this<Link> {
         if (status != NATS_OK) return complain(status);
         handle.reset(made);
         status = natsSubscription_SetOnCompleteCB(made, release, kept.get());
-        static_cast<void>(kept.release()); // where that failed it leaks rather than being used after its end
+        // Where that failed it leaks rather than being used after its end.
+        [[maybe_unused]] auto* const given = kept.release();
         if (status != NATS_OK) complain(status);
     }
 
