@@ -191,7 +191,8 @@ TEST_F(RemoteSession, comesBackByItselfWithTheNetwork)
     const auto log = (folder.path() / "viewer.log").string();
     const auto viewer = startViewer({PairingOffer::parse(link)->hostName()}, log);
     const auto sessions = [&] { return timesIn(lab::contentOf(log), "[viewer] connected to"); }; // so far
-    ASSERT_TRUE(eventually([&] { return sessions() == 1; })) << lab::contentOf(log);
+    const auto pictures = [&] { return timesIn(lab::contentOf(log), "[viewer] first picture"); }; // of each
+    ASSERT_TRUE(eventually([&] { return sessions() == 1 && pictures() == 1; })) << lab::contentOf(log);
 
     const std::string routes = "ip link set eth0 up\nip route add default via 192.168.1.1 dev eth0 onlink";
     const struct {
@@ -219,8 +220,8 @@ TEST_F(RemoteSession, comesBackByItselfWithTheNetwork)
         fmt::print("{}: a session again after {} ms\n", row.name,
             std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
         EXPECT_LE(took, lab::slowness * (row.within + 500ms));
+        ASSERT_TRUE(eventually([&] { return pictures() == expected; })) << lab::contentOf(log);
     }
-    std::this_thread::sleep_for(500ms);
     viewer->signal(SIGTERM);
     EXPECT_EQ(viewer->waitForExit(10'000), 0);
     const json report = Run{0, lab::contentOf(log)}.report();

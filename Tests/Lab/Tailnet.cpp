@@ -28,7 +28,7 @@ esac
 how=$(cat "FOLDER/how-$3" 2>/dev/null) || { echo "peer not found" >&2; exit 1; }
 case $how in
 fails) echo "failed to connect to local Tailscale service; is Tailscale running?" >&2; exit 1 ;;
-hangs) sleep 1000 ;;
+hangs) tail -f /dev/null ;;
 guiFailsOnce) echo fine >"FOLDER/how-$3"; echo "The Tailscale GUI failed to start: no display" ;;
 guiFails) echo "The Tailscale GUI failed to start: no display" ;;
 floods) exec head -c 10485760 /dev/zero ;;

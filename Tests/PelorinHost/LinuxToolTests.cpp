@@ -71,7 +71,7 @@ protected:
     std::pair<std::string, std::string> startTwoSleepers(const std::string& atTheEnd)
     {
         const auto note = folder.path() / "pids";
-        start("sleep 1000 & echo $$ $! >" + note.string() + ".new; mv " + note.string() + ".new "
+        start("tail -f /dev/null & echo $$ $! >" + note.string() + ".new; mv " + note.string() + ".new "
             + note.string() + "; " + atTheEnd);
         EXPECT_TRUE(lab::eventually([&] { return std::filesystem::exists(note); }));
         const auto text = lab::contentOf(note);
@@ -122,7 +122,8 @@ TEST_F(LinuxTool, inheritsNoneOfOurDescriptorsAndSignals)
 
 TEST_F(LinuxTool, isKilledWithItsChildrenAtTheDeadline)
 {
-    for (const std::string atTheEnd : {"wait", "trap '' TERM INT HUP; wait; sleep 1000", "kill -STOP $$"}) {
+    for (const std::string atTheEnd :
+        {"wait", "trap '' TERM INT HUP; wait; tail -f /dev/null", "kill -STOP $$"}) {
         const auto [tool, child] = startTwoSleepers(atTheEnd);
         queues.advance(14'900ms);
         EXPECT_FALSE(outcome);
@@ -153,7 +154,7 @@ TEST_F(LinuxTool, isStoppedWhenItWritesTooMuch)
 
 TEST_F(LinuxTool, isNotHeldUpByWhatItLeavesBehind)
 {
-    const auto exit = run("sleep 1000 & echo $!");
+    const auto exit = run("tail -f /dev/null & echo $!");
     ASSERT_TRUE(exit);
     const auto left = exit->output.substr(0, exit->output.size() - 1);
     EXPECT_TRUE(isAlive(left)); // it was started on purpose, and is not ours to end
