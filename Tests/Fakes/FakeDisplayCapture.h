@@ -23,7 +23,6 @@ public:
     std::optional<PlatformError> makeFailure;
     std::optional<PlatformError> startFailure;
     std::optional<PlatformError> updateFailure;
-    std::optional<PlatformError> stillFailure;
 
     int lookups = 0;
     int streamsMade = 0;
@@ -57,7 +56,6 @@ public:
     CaptureConfiguration configuration;
     std::vector<CaptureConfiguration> updates; // those asked for, the refused ones too
     bool isStarted = false;
-    int stills = 0;
 
     // Each of these happens on the capture queue; drive the queues for it.
     // A picture of the configured size, all of one brightness, damaged as a whole.
@@ -103,8 +101,6 @@ public:
     Result<CaptureSample, PlatformError> captureStill(const CaptureConfiguration& newConfiguration) override
     {
         queue->assertCurrent();
-        ++stills;
-        if (capture.stillFailure) return std::unexpected(*capture.stillFailure);
         configuration = newConfiguration;
         return sampleOf(200);
     }

@@ -35,10 +35,9 @@ public:
         return ids;
     }
     std::vector<std::uint32_t> activeDisplays() override { return onlineDisplays(); }
-    std::unique_ptr<VirtualDisplay> createVirtualDisplay(const VirtualDisplayDescriptor& asked) override
+    std::unique_ptr<VirtualDisplay> createVirtualDisplay(const VirtualDisplayDescriptor&) override
     {
         ++creations;
-        descriptor = asked;
         if (creations <= refusedCreations) return nullptr;
         return std::make_unique<Made>(*this);
     }
@@ -61,8 +60,6 @@ public:
         ++gammaRestorations;
         gamma.clear();
     }
-
-    VirtualDisplayDescriptor descriptor;
 
 private:
     struct Made final : VirtualDisplay {

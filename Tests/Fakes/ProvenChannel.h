@@ -9,10 +9,9 @@ namespace pelorin::fakes {
 // A channel as it comes out of a handshake, in which the peer proved identity or failed to.
 class ProvenChannel final : public Channel {
 public:
-    ProvenChannel(std::unique_ptr<Channel> newInner, std::string newIdentity, bool newHasFailed = false)
+    ProvenChannel(std::unique_ptr<Channel> newInner, std::string newIdentity)
         : inner(std::move(newInner)),
-          identity(std::move(newIdentity)),
-          hasFailed(newHasFailed)
+          identity(std::move(newIdentity))
     {
     }
 
@@ -32,12 +31,10 @@ public:
     std::string remoteAddress() const override { return inner->remoteAddress(); }
     std::string pathDescription() const override { return inner->pathDescription(); }
     std::string peerIdentity() const override { return identity; }
-    bool hasFailedHandshake() const override { return hasFailed; }
 
 private:
     std::unique_ptr<Channel> inner;
     std::string identity;
-    bool hasFailed;
 };
 
 } // namespace pelorin::fakes

@@ -15,7 +15,7 @@ using Side = Tailnet::Side;
 
 constexpr Side sides[] = {Side::host, Side::phone};
 constexpr const char* answerNames[]
-    = {"fine", "fine", "fails", "hangs", "guiFailsOnce", "guiFails", "floods", "undecodable"};
+    = {"fine", "fine", "fails", "guiFailsOnce", "guiFails", "floods", "undecodable"};
 
 // FOLDER holds, for each address, what is to be answered and how.
 constexpr const char* tool = R"(#!/bin/sh
@@ -28,7 +28,6 @@ esac
 how=$(cat "FOLDER/how-$3" 2>/dev/null) || { echo "peer not found" >&2; exit 1; }
 case $how in
 fails) echo "failed to connect to local Tailscale service; is Tailscale running?" >&2; exit 1 ;;
-hangs) tail -f /dev/null ;;
 guiFailsOnce) echo fine >"FOLDER/how-$3"; echo "The Tailscale GUI failed to start: no display" ;;
 guiFails) echo "The Tailscale GUI failed to start: no display" ;;
 floods) exec head -c 10485760 /dev/zero ;;
@@ -133,11 +132,6 @@ void Tailnet::answer(Side about, Answer how)
         write(folder.path() / ("whois-" + asked + ".json"), whoisJSON(about, login));
         write(folder.path() / ("how-" + asked), answerNames[static_cast<int>(how)]);
     }
-}
-
-void Tailnet::uninstallTool()
-{
-    std::filesystem::remove(bin() / "tailscale");
 }
 
 std::string Tailnet::calls() const

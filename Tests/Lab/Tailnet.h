@@ -14,7 +14,7 @@ class Tailnet {
 public:
     enum class Side { host, phone };
     // What the tool says when it is asked about a machine. "Other user" is one whom nobody knows.
-    enum class Answer { fine, otherUser, fails, hangs, guiFailsOnce, guiFails, floods, undecodable };
+    enum class Answer { fine, otherUser, fails, guiFailsOnce, guiFails, floods, undecodable };
 
     Tailnet();
 
@@ -25,7 +25,6 @@ public:
     static std::string nodeName(Side side); // "desk", "janes-phone"
 
     void answer(Side about, Answer how);
-    void uninstallTool();
     std::string calls() const; // of the tool, one line each: $TAILSCALE_BE_CLI and the arguments
 
     // command as a command to be started on that side.
